@@ -1,0 +1,76 @@
+# Test registration helpers.
+#
+#   nmr_add_test(<folder> SOURCES ... LIBS ... [LABELS unit] [TIMEOUT s])
+#     builds <folder>_tests and registers CTest test "<folder>.<label>".
+#   nmr_add_mpi_test(<folder> SOURCES ... LIBS ... [RANKS 1 2 3 4] [TIMEOUT s])
+#     builds <folder>_mpi_tests once and registers "<folder>.mpi.npN" per rank count,
+#     launched through CMake's MPIEXEC_* variables.
+
+include(GoogleTest)
+
+# OpenMPI refuses to put more ranks than cores on a node and refuses root; both are
+# normal here (2-core CI machine, root in containers), so the flags go in once.
+set(NMR_MPIEXEC_PREFLAGS --oversubscribe --allow-run-as-root --bind-to none
+    CACHE STRING "Flags put before the program in every mpiexec test command")
+set(MPIEXEC_PREFLAGS ${NMR_MPIEXEC_PREFLAGS} ${MPIEXEC_PREFLAGS})
+
+set(NMR_LSAN_SUPPRESSIONS ${PROJECT_SOURCE_DIR}/cmake/lsan.supp)
+set(NMR_TEST_ENV
+    "LSAN_OPTIONS=suppressions=${NMR_LSAN_SUPPRESSIONS}:print_suppressions=0"
+    "ASAN_OPTIONS=detect_leaks=1:abort_on_error=0"
+    "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1"
+    "OMPI_MCA_rmaps_base_oversubscribe=1"
+    "OMPI_ALLOW_RUN_AS_ROOT=1"
+    "OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1"
+    "NMR_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
+    "NMR_BINARY_DIR=${PROJECT_BINARY_DIR}")
+
+function(nmr_add_test folder)
+  cmake_parse_arguments(ARG "" "TIMEOUT;NAME" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT ARG_NAME)
+    set(ARG_NAME ${folder}_tests)
+  endif()
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS unit)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main)
+  nmr_set_warnings(${ARG_NAME})
+  list(GET ARG_LABELS 0 first_label)
+  add_test(NAME ${folder}.${first_label} COMMAND ${ARG_NAME})
+  set_tests_properties(${folder}.${first_label} PROPERTIES
+    LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT "${NMR_TEST_ENV}")
+endfunction()
+
+function(nmr_add_mpi_test folder)
+  cmake_parse_arguments(ARG "" "TIMEOUT;NAME;PREFIX" "SOURCES;LIBS;RANKS;LABELS" ${ARGN})
+  if(NOT ARG_NAME)
+    set(ARG_NAME ${folder}_mpi_tests)
+  endif()
+  if(NOT ARG_PREFIX)
+    set(ARG_PREFIX ${folder}.mpi)
+  endif()
+  if(NOT ARG_RANKS)
+    set(ARG_RANKS 1 2 3 4)
+  endif()
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS mpi)
+  endif()
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr_mpi_gtest_main)
+  nmr_set_warnings(${ARG_NAME})
+  foreach(n IN LISTS ARG_RANKS)
+    add_test(NAME ${ARG_PREFIX}.np${n}
+      COMMAND ${MPIEXEC_EXECUTABLE} ${MPIEXEC_NUMPROC_FLAG} ${n} ${MPIEXEC_PREFLAGS}
+              $<TARGET_FILE:${ARG_NAME}> ${MPIEXEC_POSTFLAGS})
+    set_tests_properties(${ARG_PREFIX}.np${n} PROPERTIES
+      PROCESSORS ${n} LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
+      ENVIRONMENT "${NMR_TEST_ENV}")
+  endforeach()
+endfunction()

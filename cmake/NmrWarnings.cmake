@@ -1,0 +1,17 @@
+# Per-target warnings; -Werror only when NMR_WERROR is on (CI).
+function(nmr_set_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wpedantic)
+  if(NMR_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# A folder library: nmr_<name> with the alias nmr::<name>.
+function(nmr_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_LIBS;PRIVATE_LIBS" ${ARGN})
+  add_library(nmr_${name} STATIC ${ARG_SOURCES})
+  add_library(nmr::${name} ALIAS nmr_${name})
+  target_include_directories(nmr_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(nmr_${name} PUBLIC ${ARG_PUBLIC_LIBS} PRIVATE ${ARG_PRIVATE_LIBS})
+  nmr_set_warnings(nmr_${name})
+endfunction()

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+namespace nmr {
+
+// Root of the program's own error family. It deliberately does not derive from
+// std::exception: catch sites name these classes, and library or parser exceptions
+// are caught separately where they can occur.
+//
+// The message lives in its own heap string so that the object stays one pointer wide
+// and a copy owns an independent copy of the text.
+class Exception {
+public:
+    explicit Exception(std::string message);
+    Exception(const Exception& other);
+    Exception& operator=(const Exception& other);
+    Exception(Exception&&) noexcept = default;
+    Exception& operator=(Exception&&) noexcept = default;
+    virtual ~Exception();
+
+    virtual std::string message() const;
+    // Throws a copy of the most-derived type, so a handler holding an Exception&
+    // can re-throw without slicing.
+    [[noreturn]] virtual void raise() const;
+
+private:
+    std::unique_ptr<std::string> message_;
+};
+
+// Declares a subclass that only changes the dynamic type.
+#define NMR_DECLARE_EXCEPTION(Name, Base)                 \
+    class Name : public Base {                            \
+    public:                                               \
+        explicit Name(std::string message)                \
+            : Base(std::move(message)) {}                 \
+        std::string message() const override {            \
+            return Base::message();                       \
+        }                                                 \
+        [[noreturn]] void raise() const override {        \
+            throw *this;                                  \
+        }                                                 \
+    }
+
+// Opening, reading, parsing or writing a grid file failed.
+NMR_DECLARE_EXCEPTION(FileAccessException, Exception);
+// Storage for a grid could not be allocated.
+NMR_DECLARE_EXCEPTION(MemoryAllocationException, Exception);
+// The progress reporter was asked to cancel.
+NMR_DECLARE_EXCEPTION(UserCancelException, Exception);
+
+}  // namespace nmr
