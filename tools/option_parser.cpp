@@ -1,0 +1,119 @@
+#include "tools/option_parser.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+
+#include "common/exception.h"
+
+namespace nmr::tools {
+
+OptionParser::OptionParser(int argc, const char* const* argv, const Spec& spec) {
+    bool onlyPositional = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        if (onlyPositional || arg.size() < 2 || arg[0] != '-' ||
+            (arg[1] != '-' && !std::isalpha(static_cast<unsigned char>(arg[1])))) {
+            // "-" alone and negative numbers are positional
+            positional_.push_back(arg);
+            continue;
+        }
+        if (arg == "--") {
+            onlyPositional = true;
+            continue;
+        }
+        std::optional<std::string> inlineValue;
+        if (const auto eq = arg.find('='); arg.rfind("--", 0) == 0 && eq != std::string::npos) {
+            inlineValue = arg.substr(eq + 1);
+            arg.resize(eq);
+        }
+        if (const auto alias = spec.aliases.find(arg); alias != spec.aliases.end())
+            arg = alias->second;
+        if (spec.flags.count(arg)) {
+            if (inlineValue) throw Exception("Option takes no value: " + arg);
+            values_[arg] = "";
+        } else if (spec.valueOptions.count(arg)) {
+            if (inlineValue) {
+                values_[arg] = *inlineValue;
+            } else if (i + 1 < argc) {
+                values_[arg] = argv[++i];
+            } else {
+                throw Exception("Option needs a value: " + arg);
+            }
+        } else {
+            throw Exception("Unknown option: " + arg);
+        }
+    }
+}
+
+std::optional<std::string> OptionParser::value(const std::string& name) const {
+    const auto it = values_.find(name);
+    if (it == values_.end()) return std::nullopt;
+    return it->second;
+}
+
+std::optional<double> OptionParser::number(const std::string& name) const {
+    const auto text = value(name);
+    if (!text) return std::nullopt;
+    return parseDouble(*text, "Option " + name + " needs a number");
+}
+
+double OptionParser::number(const std::string& name, double fallback) const {
+    return number(name).value_or(fallback);
+}
+
+std::int64_t OptionParser::integer(const std::string& name, std::int64_t fallback) const {
+    const auto text = value(name);
+    return text ? parseInteger(*text, "Option " + name + " needs an integer") : fallback;
+}
+
+std::string trim(const std::string& text) {
+    const char* blanks = " \t\r\n";
+    const auto first = text.find_first_not_of(blanks);
+    if (first == std::string::npos) return "";
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+std::int64_t parseInteger(const std::string& text, const std::string& what) {
+    const std::string t = trim(text);
+    char* end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(t.c_str(), &end, 10);
+    if (t.empty() || *end != '\0' || errno == ERANGE) throw Exception(what + ": " + text);
+    return v;
+}
+
+double parseDouble(const std::string& text, const std::string& what) {
+    const std::string t = trim(text);
+    char* end = nullptr;
+    errno = 0;
+    const double v = std::strtod(t.c_str(), &end);
+    if (t.empty() || *end != '\0' || errno == ERANGE || !std::isfinite(v))
+        throw Exception(what + ": " + text);
+    return v;
+}
+
+std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
+                                         std::uint32_t minimum) {
+    std::vector<std::string> parts;
+    std::size_t begin = 0;
+    for (;;) {
+        const auto x = text.find_first_of("xX", begin);
+        parts.push_back(text.substr(begin, x == std::string::npos ? std::string::npos : x - begin));
+        if (x == std::string::npos) break;
+        begin = x + 1;
+    }
+    if (parts.size() != 1 && parts.size() != 3) throw Exception(what + ": " + text);
+    std::array<std::uint32_t, 3> result{};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const std::int64_t v = parseInteger(parts[parts.size() == 1 ? 0 : i], what);
+        if (v < minimum || v > std::numeric_limits<std::uint32_t>::max())
+            throw Exception(what + ": " + text);
+        result[i] = static_cast<std::uint32_t>(v);
+    }
+    return result;
+}
+
+}  // namespace nmr::tools

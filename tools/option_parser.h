@@ -1,0 +1,48 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace nmr::tools {
+
+// The small command-line grammar shared by the companion tools: "--name value",
+// "--name=value", flags without a value, short aliases ("-o" for "--output") and
+// positional arguments. Every failure is an nmr::Exception whose text ends with the
+// offending argument, so a tool can print it as it stands.
+class OptionParser {
+public:
+    struct Spec {
+        std::set<std::string> valueOptions;          // take a value, e.g. "--size"
+        std::set<std::string> flags;                 // take none, e.g. "--help"
+        std::map<std::string, std::string> aliases;  // "-o" -> "--output"
+    };
+
+    OptionParser(int argc, const char* const* argv, const Spec& spec);
+
+    bool has(const std::string& name) const { return values_.count(name) != 0; }
+    std::optional<std::string> value(const std::string& name) const;
+    const std::vector<std::string>& positional() const { return positional_; }
+
+    double number(const std::string& name, double fallback) const;
+    std::optional<double> number(const std::string& name) const;
+    std::int64_t integer(const std::string& name, std::int64_t fallback) const;
+
+private:
+    std::map<std::string, std::string> values_;
+    std::vector<std::string> positional_;
+};
+
+std::string trim(const std::string& text);
+// Whole-string conversions; `what` starts the message, the text follows after ": ".
+std::int64_t parseInteger(const std::string& text, const std::string& what);
+double parseDouble(const std::string& text, const std::string& what);
+// "N" for a cube or "NXxNYxNZ"; every entry at least `minimum`.
+std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
+                                         std::uint32_t minimum);
+
+}  // namespace nmr::tools
