@@ -16,8 +16,8 @@ set(MPIEXEC_PREFLAGS ${NMR_MPIEXEC_PREFLAGS} ${MPIEXEC_PREFLAGS})
 
 set(NMR_LSAN_SUPPRESSIONS ${PROJECT_SOURCE_DIR}/cmake/lsan.supp)
 set(NMR_TEST_ENV
-    "LSAN_OPTIONS=suppressions=${NMR_LSAN_SUPPRESSIONS}:print_suppressions=0"
-    "ASAN_OPTIONS=detect_leaks=1:abort_on_error=0"
+    "LSAN_OPTIONS=suppressions=${NMR_LSAN_SUPPRESSIONS}:print_suppressions=0:fast_unwind_on_malloc=0"
+    "ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:fast_unwind_on_malloc=0"
     "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1"
     "OMPI_MCA_rmaps_base_oversubscribe=1"
     "OMPI_ALLOW_RUN_AS_ROOT=1"

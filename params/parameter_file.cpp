@@ -1,0 +1,293 @@
+#include "params/parameter_file.h"
+
+#include <yaml-cpp/yaml.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+
+#include "common/exception.h"
+#include "grid/mineral.h"
+
+namespace nmr {
+
+namespace {
+
+using Record = NuclearMagneticResonanceParameters;
+
+constexpr const char* kRootKey = "NuclearMagneticResonanceParameters";
+
+// Required keys with the message for each. An ordered map on purpose: the keys are checked
+// in ascending byte order and only the first missing one is reported, so a file missing
+// several keys always names the same one. waterSaturation and the T2 axis keys are not
+// here: the former fails in conversion instead, the latter are optional.
+const std::map<std::string, std::string>& requiredKeys() {
+    static const std::map<std::string, std::string> keys = {
+        {"bulkOilT2", "bulkOilT2 parameter is missing."},
+        {"bulkWaterT2", "bulkWaterT2 parameter is missing."},
+        {"clayMicroPorosity", "clayMicroPorosity parameter is missing."},
+        {"diffusionConstantOil", "diffusionConstantOil parameter is missing."},
+        {"diffusionConstantWater", "diffusionConstantWater parameter is missing."},
+        {"echoSpacing", "echoSpacing parameter is missing."},
+        {"grid", "grid parameter is missing."},
+        {"gyroMagneticRatio", "gyroMagneticRatio parameter is missing."},
+        {"intensityT2", "intensityT2 parameter is missing."},
+        {"magneticFieldGradient", "magneticFieldGradient parameter is missing."},
+        {"numberOfWalkers", "numberOfWalkers parameter is missing."},
+        {"randomSeed", "randomSeed parameter is missing."},
+        {"regionOfInterest", "regionOfInterest parameter is missing."},
+        {"saturationFile", "saturationFile parameter is missing."},
+        {"stepLength", "stepLength parameter is missing."},
+        {"subsampleCalculation", "subsampleCalculation parameter is missing."},
+        {"surfaceRelaxationStrengthOil", "surfaceRelaxationStrengthOil parameter is missing."},
+        {"surfaceRelaxationStrengthWater", "surfaceRelaxationStrengthWater parameter is missing."},
+    };
+    return keys;
+}
+
+void checkRequiredKeys(const YAML::Node& node) {
+    for (const auto& [key, message] : requiredKeys()) {
+        if (!node[key]) throw Exception(message + " Tag: '" + key + "'.");
+    }
+}
+
+// A map from display name to value. An unknown name is an error rather than an entry
+// under the unknown code: a misspelt "Quartz " would otherwise silently give quartz no
+// relaxivity at all, and the mineral would look inert in the results.
+MineralValueMap<double> readMineralMap(const YAML::Node& node) {
+    if (!node.IsMap()) throw YAML::TypedBadConversion<MineralValueMap<double>>(node.Mark());
+    MineralValueMap<double> values;
+    for (const auto& entry : node) {
+        const auto name = entry.first.as<std::string>();
+        const Mineral::Type code = Mineral::fromName(name);
+        if (code == Mineral::Unknown) {
+            throw YAML::RepresentationException(entry.first.Mark(), "Unknown mineral: " + name);
+        }
+        values.set(code, entry.second.as<double>());
+    }
+    return values;
+}
+
+YAML::Node encodeMineralMap(const MineralValueMap<double>& values) {
+    YAML::Node node(YAML::NodeType::Map);
+    for (const auto& [code, value] : values.entries()) node[Mineral::name(code)] = value;
+    return node;
+}
+
+struct Axis {
+    const char* key;
+    const char* invalidMessage;
+    void (RegionOfInterestCapableThing::*setRange)(std::uint32_t, std::uint32_t);
+};
+
+constexpr Axis kAxes[] = {
+    {"x", "Invalid region of interest in x direction.", &RegionOfInterestCapableThing::setXRange},
+    {"y", "Invalid region of interest in y direction.", &RegionOfInterestCapableThing::setYRange},
+    {"z", "Invalid region of interest in z direction.", &RegionOfInterestCapableThing::setZRange},
+};
+
+// False when the node is not three two-element ranges. The bounds are compared unsigned,
+// as the loader uses them, so a negative begin such as -1 counts as the largest number
+// and is rejected as "not below the end" instead of slipping through as a huge box.
+bool readRegion(const YAML::Node& node, RegionOfInterestCapableThing& region) {
+    if (!node.IsMap()) return false;
+    for (const Axis& axis : kAxes) {
+        const YAML::Node range = node[axis.key];
+        if (!range || !range.IsSequence() || range.size() != 2) return false;
+        const auto first = static_cast<std::uint32_t>(range[0].as<std::int32_t>());
+        const auto second = static_cast<std::uint32_t>(range[1].as<std::int32_t>());
+        if (!(first < second)) throw Exception(axis.invalidMessage);
+        (region.*axis.setRange)(first, second);
+    }
+    region.setEnabled(true);
+    return true;
+}
+
+YAML::Node encodeRange(std::uint32_t first, std::uint32_t second) {
+    YAML::Node range(YAML::NodeType::Sequence);
+    range.push_back(first);
+    range.push_back(second);
+    range.SetStyle(YAML::EmitterStyle::Flow);
+    return range;
+}
+
+YAML::Node encodeSeries(const std::vector<double>& values) {
+    YAML::Node node(YAML::NodeType::Sequence);
+    for (double v : values) node.push_back(v);
+    // bulkOilT2 and intensityT2 pair up entry by entry; one line each keeps them legible.
+    node.SetStyle(YAML::EmitterStyle::Flow);
+    return node;
+}
+
+constexpr std::int32_t kMinT2Components = 10;
+constexpr std::int32_t kMaxT2Components = 500;
+
+// The order of conversion decides which error a file with several bad values reports.
+void fill(const YAML::Node& node, Record& record) {
+    checkRequiredKeys(node);
+
+    record.setGrid(node["grid"].as<std::string>());
+    record.setGyroMagneticRatio(node["gyroMagneticRatio"].as<double>());
+    record.setEchoSpacing(node["echoSpacing"].as<double>());
+    record.setMagneticFieldGradient(node["magneticFieldGradient"].as<double>());
+    record.setSaturationFile(node["saturationFile"].as<bool>());
+    record.setWaterSaturation(node["waterSaturation"].as<double>());
+    record.setClayMicroPorosity(node["clayMicroPorosity"].as<double>());
+    record.setBulkWaterT2(node["bulkWaterT2"].as<double>());
+    record.setDiffusionConstantWater(node["diffusionConstantWater"].as<double>());
+    record.setDiffusionConstantOil(node["diffusionConstantOil"].as<double>());
+    record.setSurfaceRelaxationStrengthWater(
+        readMineralMap(node["surfaceRelaxationStrengthWater"]));
+    record.setBulkOilT2(node["bulkOilT2"].as<std::vector<double>>());
+    record.setIntensityT2(node["intensityT2"].as<std::vector<double>>());
+    record.setSurfaceRelaxationStrengthOil(readMineralMap(node["surfaceRelaxationStrengthOil"]));
+    record.setNumberOfWalkers(node["numberOfWalkers"].as<std::int32_t>());
+    record.setStepLength(node["stepLength"].as<double>());
+    record.setRandomSeed(node["randomSeed"].as<std::int32_t>());
+
+    const YAML::Node regionNode = node["regionOfInterest"];
+    auto region = std::make_unique<RegionOfInterestCapableThing>();
+    if (!readRegion(regionNode, *region)) {
+        throw YAML::TypedBadConversion<RegionOfInterest>(regionNode.Mark());
+    }
+    // The file's subsampleCalculation decides whether the box is used at all.
+    region->setEnabled(node["subsampleCalculation"].as<bool>());
+    record.setRegionOfInterest(std::move(region));
+
+    if (const YAML::Node components = node["t2Components"]) {
+        record.setT2Components(
+            std::clamp(components.as<std::int32_t>(), kMinT2Components, kMaxT2Components));
+    }
+
+    // An axis is only taken whole: one end alone, or an empty or inverted range, leaves the
+    // default axis rather than a half-edited one.
+    const YAML::Node t2Min = node["t2Minimum"];
+    const YAML::Node t2Max = node["t2Maximum"];
+    if (t2Min && t2Max) {
+        const auto lower = t2Min.as<double>();
+        const auto upper = t2Max.as<double>();
+        if (upper > lower) {
+            record.setT2Minimum(lower);
+            record.setT2Maximum(upper);
+        }
+    }
+}
+
+YAML::Node encode(const Record& record) {
+    YAML::Node node(YAML::NodeType::Map);
+    node["grid"] = record.grid();
+    node["gyroMagneticRatio"] = record.gyroMagneticRatio();
+    node["echoSpacing"] = record.echoSpacing() / 1000000.0;
+    node["magneticFieldGradient"] = record.magneticFieldGradient();
+    node["saturationFile"] = record.saturationFile();
+    node["waterSaturation"] = record.waterSaturation();
+    node["clayMicroPorosity"] = record.clayMicroPorosity();
+    node["bulkWaterT2"] = record.bulkWaterT2();
+    node["diffusionConstantWater"] = record.diffusionConstantWater();
+    node["diffusionConstantOil"] = record.diffusionConstantOil();
+    node["surfaceRelaxationStrengthWater"] =
+        encodeMineralMap(record.surfaceRelaxationStrengthWater());
+    node["bulkOilT2"] = encodeSeries(record.bulkOilT2());
+    node["intensityT2"] = encodeSeries(record.intensityT2());
+    node["surfaceRelaxationStrengthOil"] = encodeMineralMap(record.surfaceRelaxationStrengthOil());
+    node["numberOfWalkers"] = record.numberOfWalkers();
+    node["stepLength"] = record.stepLength();
+    node["randomSeed"] = record.randomSeed();
+    const RegionOfInterestCapableThing* region = record.regionOfInterest();
+    node["subsampleCalculation"] = region != nullptr && region->isEnabled();
+    // A record without a region has nothing to write; the reader will then ask for one,
+    // which is better than inventing a box.
+    if (region != nullptr) {
+        YAML::Node box(YAML::NodeType::Map);
+        box["x"] = encodeRange(region->xMin(), region->xMax());
+        box["y"] = encodeRange(region->yMin(), region->yMax());
+        box["z"] = encodeRange(region->zMin(), region->zMax());
+        node["regionOfInterest"] = box;
+    }
+    node["t2Components"] = record.t2Components();
+    node["t2Minimum"] = record.t2Minimum();
+    node["t2Maximum"] = record.t2Maximum();
+    return node;
+}
+
+}  // namespace
+
+std::unique_ptr<Record> readParameters(const std::string& path) {
+    if (path.empty()) throw Exception("Path to input file is empty");
+    if (!std::ifstream(path)) throw Exception("Could not open file: " + path);
+    try {
+        const YAML::Node document = YAML::LoadFile(path);
+        const YAML::Node node = document[kRootKey];
+        if (!node || !node.IsMap()) throw Exception(path + " does not contain a yaml map.");
+        auto record = std::make_unique<Record>();
+        fill(node, *record);
+        return record;
+    } catch (const YAML::BadSubscript&) {
+        // Indexing a scalar where a map was expected, e.g. a document that is one plain word.
+        throw Exception(path + " does not have the correct yaml format.");
+    }
+}
+
+std::string encodeParameters(const Record& parameters) {
+    YAML::Node root(YAML::NodeType::Map);
+    root[kRootKey] = encode(parameters);
+    YAML::Emitter emitter;
+    emitter << root;
+    return emitter.c_str();
+}
+
+void writeParameterFile(const std::string& path, const Record& parameters) {
+    const std::string text = encodeParameters(parameters);
+    std::ofstream out(path, std::ios::out | std::ios::trunc);
+    if (!out) throw Exception("Could not open file for writing: " + path);
+    out << text << '\n';
+    out.flush();
+    if (!out) throw Exception("Could not write file: " + path);
+}
+
+Record templateParameters() {
+    Record record;
+    record.setGrid("grid.binc");
+    record.setGyroMagneticRatio(42580000.0);
+    // Stored as the file's value times 1000000: the writer divides, giving 0.001 in the file.
+    record.setEchoSpacing(1000.0);
+    record.setMagneticFieldGradient(0.2);
+    record.setSaturationFile(false);
+    record.setWaterSaturation(1.0);
+    record.setClayMicroPorosity(0.5);
+    record.setBulkWaterT2(3.0);
+
+    MineralValueMap<double> water;
+    water.set(Mineral::Clay, 2.3e-09);
+    MineralValueMap<double> oil;
+    oil.set(Mineral::Clay, 1.6e-15);
+    for (Mineral::Type code :
+         {Mineral::QuartzCement, Mineral::Quartz, Mineral::Mica, Mineral::FeldsparsDissolvable,
+          Mineral::CarbonateCement, Mineral::Pyrite, Mineral::FeldsparsNonDissolvable}) {
+        water.set(code, 1.6e-05);
+        oil.set(code, 1.6e-15);
+    }
+    record.setSurfaceRelaxationStrengthWater(std::move(water));
+    record.setBulkOilT2({1.4556, 1.1174, 1.0189});
+    record.setIntensityT2({0.0, 0.42, 0.16});
+    record.setSurfaceRelaxationStrengthOil(std::move(oil));
+    record.setNumberOfWalkers(300000);
+    record.setStepLength(0.5);
+    record.setRandomSeed(8008);
+
+    auto region = std::make_unique<RegionOfInterestCapableThing>();
+    region->setXRange(10, 20);
+    region->setYRange(20, 30);
+    region->setZRange(3, 9);
+    region->setEnabled(true);
+    record.setRegionOfInterest(std::move(region));
+
+    record.setT2Components(100);
+    record.setT2Minimum(0.0001);
+    record.setT2Maximum(10000.0);
+    return record;
+}
+
+void writeTemplateFile(const std::string& path) { writeParameterFile(path, templateParameters()); }
+
+}  // namespace nmr
