@@ -1,0 +1,162 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "walk/absorption_table.h"
+#include "walk/random_stream.h"
+#include "walk/walker.h"
+
+// The innermost loop of the program. It lives in this header so that it is compiled
+// into the caller together with the grid's non-virtual at(); nmr_walk passes
+// -ffp-contract=off to everything that includes it, so no multiply-add is fused and a
+// seed gives the same walk bit for bit on every x86-64 machine.
+
+namespace nmr {
+
+namespace detail {
+
+// Most draws a step takes: three for the direction, one for a wall contact.
+constexpr int kMaxDrawsPerStep = 4;
+
+// Exact IEEE square root without the errno branch of std::sqrt (q is never negative).
+inline double squareRoot(double q) {
+#if defined(__SSE2__)
+    return _mm_cvtsd_f64(_mm_sqrt_sd(_mm_setzero_pd(), _mm_set_sd(q)));
+#else
+    return std::sqrt(q);
+#endif
+}
+
+// One step of length s (voxels); true when the walker was absorbed. The direction is
+// a point of the cube [-1, 1)^3 scaled to length s, not a point on the sphere (no
+// rejection outside the unit ball); the draws go z, y, x. A step into a solid voxel
+// either absorbs (p[code] > u - 1, strictly) or is undone; an undone step still takes
+// its time. `absorption` must cover every code the grid holds (validated grids 0..13).
+// `draw` yields the stream's next number in [1, 2); `mineralAt` maps a position to
+// the mineral of the voxel under it (mirrored).
+template <typename Draw, typename Locate>
+[[gnu::always_inline]] inline bool step(Draw&& draw, Locate&& mineralAt, double& x, double& y,
+                                        double& z, double s, const double* absorption) {
+    const double dz = 2.0 * (draw() - 1.0) - 1.0;
+    const double dy = 2.0 * (draw() - 1.0) - 1.0;
+    const double dx = 2.0 * (draw() - 1.0) - 1.0;
+    const double q = dz * dz + (dx * dx + dy * dy);
+    const double f = s / squareRoot(q);
+    const double nextX = x + f * dx;
+    const double nextY = y + f * dy;
+    const double nextZ = z + f * dz;
+
+    const Mineral::Type code = mineralAt(nextX, nextY, nextZ);
+    if (code != Mineral::Pore) {
+        if (absorption[code] > draw() - 1.0) {
+            x = nextX;
+            y = nextY;
+            z = nextZ;
+            return true;
+        }
+        return false;  // held back at the wall
+    }
+    x = nextX;
+    y = nextY;
+    z = nextZ;
+    return false;
+}
+
+// `count` steps that cannot exhaust the block (count * kMaxDrawsPerStep numbers are
+// left): no regeneration check and no call inside, so the position and the stream's
+// index live in registers for the whole run.
+template <typename G>
+[[gnu::noinline]] bool walkRun(RandomStream& stream, Walker& walker, std::uint32_t count, double s,
+                               const WalkGridView<G>& view, const double* absorption) {
+    RandomStream::Reader random(stream);
+    auto draw = [&random]() { return random.nextUnchecked(); };
+    MirrorAxis mirrorX(view.sizeX);
+    MirrorAxis mirrorY(view.sizeY);
+    MirrorAxis mirrorZ(view.sizeZ);
+    auto mineralAt = [&](double px, double py, double pz) {
+        return view.cell(mirrorX(static_cast<std::int32_t>(px)),
+                         mirrorY(static_cast<std::int32_t>(py)),
+                         mirrorZ(static_cast<std::int32_t>(pz)));
+    };
+    double x = walker.x;
+    double y = walker.y;
+    double z = walker.z;
+    bool absorbed = false;
+    for (std::uint32_t n = 0; n < count; ++n) {
+        if (step(draw, mineralAt, x, y, z, s, absorption)) {
+            absorbed = true;
+            break;
+        }
+    }
+    walker = Walker{x, y, z};
+    return absorbed;
+}
+
+// stepCount steps; true when the walker was absorbed. The draws are exactly those of a
+// draw-by-draw loop that regenerates the block when its index reaches the end: runs of
+// steps that cannot reach the end go unchecked, and the step that may cross it draws
+// through next(), which regenerates in the middle of the step if it must.
+template <typename G>
+inline bool walkSteps(RandomStream& stream, Walker& walker, std::uint32_t stepCount, double s,
+                      const WalkGridView<G>& view, const double* absorption) {
+    std::uint32_t done = 0;
+    while (done < stepCount) {
+        const auto safe = static_cast<std::uint32_t>(stream.available() / kMaxDrawsPerStep);
+        if (safe == 0) {
+            auto draw = [&stream]() { return stream.next(); };
+            auto mineralAt = [&view](double px, double py, double pz) {
+                return view.mineralAt(px, py, pz);
+            };
+            if (step(draw, mineralAt, walker.x, walker.y, walker.z, s, absorption)) return true;
+            ++done;
+            continue;
+        }
+        const std::uint32_t run = std::min(stepCount - done, safe);
+        if (walkRun(stream, walker, run, s, view, absorption)) return true;
+        done += run;
+    }
+    return false;
+}
+
+}  // namespace detail
+
+// Walks stepCount steps of the given length; true when the walker was absorbed.
+template <typename G>
+bool walkInterval(RandomStream& stream, Walker& walker, std::uint32_t stepCount, double stepLength,
+                  const WalkGridView<G>& view, const AbsorptionTable& table) {
+    return detail::walkSteps(stream, walker, stepCount, stepLength, view, table.data());
+}
+
+// Walks one walker (a copy) through every interval of the schedule and returns the
+// index of the interval in which it was absorbed. A walker that survives them all also
+// returns 0, so it is counted with the walkers absorbed in the first interval; the
+// accumulation relies on that, and the result is always below the interval count.
+template <typename G>
+std::uint32_t walkWalker(RandomStream& stream, Walker walker, const WalkGridView<G>& view,
+                         const std::vector<std::uint32_t>& stepsPerInterval,
+                         std::uint32_t fineIntervals, double fineStep, double coarseStep,
+                         const AbsorptionTable& fineTable, const AbsorptionTable& coarseTable) {
+    const auto intervals = static_cast<std::uint32_t>(stepsPerInterval.size());
+    const std::uint32_t fineEnd = fineIntervals < intervals ? fineIntervals : intervals;
+    for (std::uint32_t i = 0; i < fineEnd; ++i) {
+        if (detail::walkSteps(stream, walker, stepsPerInterval[i], fineStep, view,
+                              fineTable.data())) {
+            return i;
+        }
+    }
+    for (std::uint32_t i = fineEnd; i < intervals; ++i) {
+        if (walkInterval(stream, walker, stepsPerInterval[i], coarseStep, view, coarseTable)) {
+            return i;
+        }
+    }
+    return 0;
+}
+
+}  // namespace nmr
