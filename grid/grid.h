@@ -37,8 +37,14 @@ public:
 
     Grid(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, std::uint32_t marginX,
          std::uint32_t marginY, std::uint32_t marginZ, double cellSize)
-        : nx_(nx), ny_(ny), nz_(nz), marginX_(marginX), marginY_(marginY), marginZ_(marginZ),
-          cellSize_(cellSize), counters_(static_cast<std::size_t>(Mineral::count()), 0) {}
+        : nx_(nx),
+          ny_(ny),
+          nz_(nz),
+          marginX_(marginX),
+          marginY_(marginY),
+          marginZ_(marginZ),
+          cellSize_(cellSize),
+          counters_(static_cast<std::size_t>(Mineral::count()), 0) {}
     virtual ~Grid() = default;
 
     // Stores the value and keeps the given counters up to date for interior cells.
@@ -49,7 +55,8 @@ public:
         setCellCounting(x, y, z, value, counters_);
     }
     // Copies the cell into the caller's buffer and returns it.
-    virtual const T& getCell(T& buffer, std::uint32_t x, std::uint32_t y, std::uint32_t z) const = 0;
+    virtual const T& getCell(T& buffer, std::uint32_t x, std::uint32_t y,
+                             std::uint32_t z) const = 0;
 
     virtual std::uint32_t marginX() const { return marginX_; }
     virtual std::uint32_t marginY() const { return marginY_; }
@@ -78,7 +85,8 @@ public:
         T buffer{};
         for (std::uint32_t z = 0; z < nz_; ++z)
             for (std::uint32_t y = 0; y < ny_; ++y)
-                for (std::uint32_t x = 0; x < nx_; ++x) target.setCell(x, y, z, getCell(buffer, x, y, z));
+                for (std::uint32_t x = 0; x < nx_; ++x)
+                    target.setCell(x, y, z, getCell(buffer, x, y, z));
     }
     // A new, cleared grid of the same kind, sizes, margins and cell size.
     virtual std::shared_ptr<Grid<T>> makeEmpty() const = 0;

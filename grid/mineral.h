@@ -57,11 +57,15 @@ struct GrainBedGridCell {
         return GrainBedGridCell{(grain & 0xFFFFFFu) | ((mineral & 0xFu) << 24) |
                                 ((state & 0xFu) << 28)};
     }
-    constexpr Mineral::Type mineral() const { return static_cast<Mineral::Type>((word >> 24) & 15u); }
+    constexpr Mineral::Type mineral() const {
+        return static_cast<Mineral::Type>((word >> 24) & 15u);
+    }
     constexpr std::uint32_t grainNumber() const { return word & 0xFFFFFFu; }
     constexpr std::uint32_t state() const { return word >> 28; }
     constexpr bool isPore() const { return mineral() == Mineral::Pore; }
-    friend constexpr bool operator==(GrainBedGridCell a, GrainBedGridCell b) { return a.word == b.word; }
+    friend constexpr bool operator==(GrainBedGridCell a, GrainBedGridCell b) {
+        return a.word == b.word;
+    }
 };
 
 }  // namespace nmr

@@ -29,9 +29,18 @@ public:
     virtual void setRegionOfInterest(const RegionOfInterest& region) { region_ = region; }
     virtual const RegionOfInterest& regionOfInterest() const { return region_; }
     virtual RegionOfInterest& regionOfInterest() { return region_; }
-    virtual void setXRange(std::uint32_t min, std::uint32_t max) { region_.xMin = min; region_.xMax = max; }
-    virtual void setYRange(std::uint32_t min, std::uint32_t max) { region_.yMin = min; region_.yMax = max; }
-    virtual void setZRange(std::uint32_t min, std::uint32_t max) { region_.zMin = min; region_.zMax = max; }
+    virtual void setXRange(std::uint32_t min, std::uint32_t max) {
+        region_.xMin = min;
+        region_.xMax = max;
+    }
+    virtual void setYRange(std::uint32_t min, std::uint32_t max) {
+        region_.yMin = min;
+        region_.yMax = max;
+    }
+    virtual void setZRange(std::uint32_t min, std::uint32_t max) {
+        region_.zMin = min;
+        region_.zMax = max;
+    }
     virtual std::uint32_t xMin() const { return region_.xMin; }
     virtual std::uint32_t yMin() const { return region_.yMin; }
     virtual std::uint32_t zMin() const { return region_.zMin; }

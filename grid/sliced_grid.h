@@ -73,7 +73,8 @@ public:
     // Throws "Grid already allocated." on a second call and MemoryAllocationException
     // when a slice cannot be allocated.
     void allocate(ProgressReporter& progress) {
-        if (slices_.size() == this->nz_ && this->nz_ != 0) throw Exception("Grid already allocated.");
+        if (slices_.size() == this->nz_ && this->nz_ != 0)
+            throw Exception("Grid already allocated.");
         progress.start("Allocating grid...", this->nz_);
         try {
             slices_.resize(this->nz_);
@@ -83,9 +84,10 @@ public:
             }
         } catch (const std::bad_alloc&) {
             slices_.clear();
-            throw MemoryAllocationException("Unable to allocate space for a grid of size (x,y,z): " +
-                                            std::to_string(this->nx_) + "," + std::to_string(this->ny_) +
-                                            "," + std::to_string(this->nz_));
+            throw MemoryAllocationException(
+                "Unable to allocate space for a grid of size (x,y,z): " +
+                std::to_string(this->nx_) + "," + std::to_string(this->ny_) + "," +
+                std::to_string(this->nz_));
         }
         progress.finish();
         this->resetCountersToPore();

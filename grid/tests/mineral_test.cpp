@@ -60,9 +60,10 @@ TEST(GrainBedGridCell, FieldsOfTheCellWord) {
         std::uint32_t word, mineral, grain, state;
         bool pore;
     };
-    for (const Case c : {Case{0x03000005u, 3, 5, 0, false}, Case{0x00000000u, 0, 0, 0, true},
-                         Case{0x4A000010u, 10, 16, 4, false}, Case{0x3F123456u, 15, 0x123456, 3, false},
-                         Case{0x30FFFFFFu, 0, 0xFFFFFF, 3, true}}) {
+    for (const Case c :
+         {Case{0x03000005u, 3, 5, 0, false}, Case{0x00000000u, 0, 0, 0, true},
+          Case{0x4A000010u, 10, 16, 4, false}, Case{0x3F123456u, 15, 0x123456, 3, false},
+          Case{0x30FFFFFFu, 0, 0xFFFFFF, 3, true}}) {
         const GrainBedGridCell cell{c.word};
         EXPECT_EQ(cell.mineral(), c.mineral) << std::hex << c.word;
         EXPECT_EQ(cell.grainNumber(), c.grain) << std::hex << c.word;

@@ -1,0 +1,269 @@
+#include "io/grid_loader.h"
+
+#include <fstream>
+#include <new>
+#include <utility>
+
+#include "common/exception.h"
+#include "io/compressed_in_stream.h"
+#include "io/grain_bed_grid_reader.h"
+#include "io/mineral_grid_text_converter.h"
+
+namespace nmr {
+
+namespace {
+
+// Bytes looked at to tell a binary file from a text grid.
+constexpr int kProbeCharacters = 100;
+
+std::string checkedName(const std::string& fileName) {
+    std::string name = grain_bed_grid::trim(fileName);
+    if (name.empty()) throw FileAccessException("Found empty string as file name.");
+    return name;
+}
+
+std::array<std::uint16_t, 3> permuted(std::array<std::uint16_t, 3> v, int permutation) {
+    if (permutation == 1) std::swap(v[0], v[1]);
+    if (permutation == 2) std::swap(v[0], v[2]);
+    return v;
+}
+
+// An open grain bed grid file with its header read.
+struct OpenGridFile {
+    std::unique_ptr<CompressedInStream> in;
+    GrainBedGridHeader header;
+};
+
+OpenGridFile openGridFile(const std::string& name, LoggerBase& logger) {
+    OpenGridFile file;
+    file.in = openGrainBedGridFile(name, file.header, logger);
+    return file;
+}
+
+[[noreturn]] void noGrid(const std::string& name, LoggerBase& logger) {
+    logger.error("Unable to read ASCII header: " + name);
+    throw FileAccessException("Could not load grid from file " + name);
+}
+
+// Makes the grid, turning every way of failing into the loader's own error.
+template <typename Make>
+auto createGrid(const GridLoadGeometry& g, const std::string& name, LoggerBase& logger, Make make) {
+    for (std::uint16_t s : g.size) {
+        if (static_cast<std::int16_t>(s) <= 0) noGrid(name, logger);
+    }
+    try {
+        return make();
+    } catch (const MemoryAllocationException&) {
+        noGrid(name, logger);
+    } catch (const std::bad_alloc&) {
+        noGrid(name, logger);
+    }
+}
+
+// Reads every slice of the file and hands each kept record to place(x, y, z, code) in
+// grid coordinates, in file order.
+template <typename Place>
+void readCells(OpenGridFile& file, const GridLoadGeometry& g, const GridLoadOptions& options,
+               LoggerBase& logger, ProgressReporter& progress, Place&& place) {
+    const GrainBedGridHeader& h = file.header;
+    const std::uint32_t nx = h.nx, ny = h.ny, nz = h.nz;
+    const std::uint32_t x1 = std::min<std::uint32_t>(g.hi[0], nx);
+    const std::uint32_t y1 = std::min<std::uint32_t>(g.hi[1], ny);
+    GrainBedGridSliceReader reader(*file.in, nx, ny, logger);
+    for (std::uint32_t z = 0; z < nz; ++z) {
+        if (options.disableCancel) {
+            progress.step();
+        } else {
+            progress.stepChecked();
+        }
+        // Slices outside the box are read too: a short file is an error wherever it ends.
+        const char* records = reader.next();
+        if (z < g.lo[2] || z >= g.hi[2]) continue;
+        const std::uint32_t dz = z - g.lo[2];
+        for (std::uint32_t y = g.lo[1]; y < y1; ++y) {
+            const char* row =
+                records + (static_cast<std::size_t>(y) * nx) * grain_bed_grid::kRecordBytes;
+            const std::uint32_t dy = y - g.lo[1];
+            for (std::uint32_t x = g.lo[0]; x < x1; ++x) {
+                const Mineral::Type code =
+                    grain_bed_grid::recordMineral(row + x * grain_bed_grid::kRecordBytes);
+                std::uint32_t d[3] = {x - g.lo[0], dy, dz};
+                if (g.permutation == 1) std::swap(d[0], d[1]);
+                if (g.permutation == 2) std::swap(d[0], d[2]);
+                place(g.offset[0] + d[0], g.offset[1] + d[1], g.offset[2] + d[2], code);
+            }
+        }
+    }
+    progress.finish();
+}
+
+// Opens, reads the header, builds the grid with make(geometry) and fills it through
+// place(grid, x, y, z, code); the logging and cancel handling every variant shares.
+template <typename Make, typename Place>
+auto loadInto(const std::string& fileName, const GridLoadOptions& options, LoggerBase& logger,
+              ProgressReporter& progress, Make make, Place place) {
+    const std::string name = prepareGridFile(checkedName(fileName), logger);
+    logger.info("Load: " + name);
+    try {
+        OpenGridFile file = openGridFile(name, logger);
+        progress.start("Loading grain bed grid...", file.header.nz);
+        const GridLoadGeometry g = computeGridLoadGeometry(file.header, options);
+        auto grid = createGrid(g, name, logger, [&] { return make(g, file.header); });
+        readCells(file, g, options, logger, progress,
+                  [&](std::uint32_t x, std::uint32_t y, std::uint32_t z, Mineral::Type code) {
+                      place(*grid, x, y, z, code);
+                  });
+        logger.info("Load complete: " + name);
+        return grid;
+    } catch (const UserCancelException& e) {
+        logger.info("Loading grid aborted: " + e.message());
+        throw;
+    }
+}
+
+}  // namespace
+
+GridLoadGeometry computeGridLoadGeometry(const GrainBedGridHeader& header,
+                                         const GridLoadOptions& options) {
+    const std::array<std::uint16_t, 3> S{header.nx, header.ny, header.nz};
+    const std::array<std::uint16_t, 3> M{header.marginX, header.marginY, header.marginZ};
+    const RegionOfInterest& r = options.region;
+    const std::array<std::uint16_t, 3> rMin{static_cast<std::uint16_t>(r.xMin),
+                                            static_cast<std::uint16_t>(r.yMin),
+                                            static_cast<std::uint16_t>(r.zMin)};
+    const std::array<std::uint16_t, 3> rMax{static_cast<std::uint16_t>(r.xMax),
+                                            static_cast<std::uint16_t>(r.yMax),
+                                            static_cast<std::uint16_t>(r.zMax)};
+    GridLoadGeometry g;
+    g.permutation = options.permutation;
+    for (int i = 0; i < 3; ++i) {
+        g.size[i] = S[i];
+        g.margin[i] = M[i];
+        g.lo[i] = 0;
+        g.hi[i] = S[i];
+        if (!options.keepMargins) {
+            g.size[i] = static_cast<std::uint16_t>(S[i] - 2 * M[i]);
+            g.margin[i] = 0;
+            g.lo[i] = M[i];
+            g.hi[i] = static_cast<std::uint16_t>(S[i] - M[i]);
+        }
+        if (r.enabled) {
+            g.size[i] = static_cast<std::uint16_t>(rMax[i] - rMin[i]);
+            g.margin[i] = 0;
+            g.lo[i] = static_cast<std::uint16_t>(M[i] + rMin[i]);
+            g.hi[i] = static_cast<std::uint16_t>(M[i] + rMax[i]);
+        }
+    }
+    if (r.enabled) {
+        for (int i = 0; i < 3; ++i) {
+            if (static_cast<std::int16_t>(g.size[i]) > static_cast<std::int16_t>(S[i])) {
+                throw FileAccessException("Region of interest is larger than grid size");
+            }
+        }
+    }
+    g.size = permuted(g.size, g.permutation);
+    g.margin = permuted(g.margin, g.permutation);
+    for (int i = 0; i < 3; ++i) {
+        const auto extra = static_cast<std::uint16_t>(options.extraMargin[i]);
+        g.size[i] = static_cast<std::uint16_t>(g.size[i] + 2 * extra);
+        g.margin[i] = static_cast<std::uint16_t>(g.margin[i] + extra);
+        g.offset[i] = extra;
+    }
+    return g;
+}
+
+bool isBinaryGridFile(const std::string& fileName) {
+    std::ifstream in(fileName, std::ios_base::in | std::ios_base::binary);
+    if (!in.is_open()) throw Exception("Could not open file: " + fileName);
+    char c = 0;
+    int seen = 0;
+    while (seen < kProbeCharacters && in >> c) {
+        if (static_cast<signed char>(c) < 32) return true;
+        ++seen;
+    }
+    if (seen == 0) throw Exception("Unexpected end of file");
+    return false;
+}
+
+std::string prepareGridFile(const std::string& fileName, LoggerBase& logger) {
+    if (isBinaryGridFile(fileName)) return fileName;
+    const std::string converted = fileName + ".binc";
+    convertMineralGridText(fileName, converted, logger);
+    return converted;
+}
+
+GridFileSummary readGridFileSummary(const std::string& fileName, LoggerBase& logger) {
+    const std::string name = checkedName(fileName);
+    GridFileSummary s;
+    if (!isBinaryGridFile(name)) {
+        const MineralGridTextHeader text = readMineralGridTextHeader(name);
+        s.nx = text.nx;
+        s.ny = text.ny;
+        s.nz = text.nz;
+        s.cellSize = text.cellSize;
+        return s;
+    }
+    const GrainBedGridHeader h = readGrainBedGridFileHeader(name, logger);
+    s.nx = h.nx;
+    s.ny = h.ny;
+    s.nz = h.nz;
+    s.marginX = h.marginX;
+    s.marginY = h.marginY;
+    s.marginZ = h.marginZ;
+    s.cellSize = h.cellSize;
+    return s;
+}
+
+std::shared_ptr<SlicedGrid<Mineral::Type>> loadSlicedGrid(const std::string& fileName,
+                                                          const GridLoadOptions& options,
+                                                          LoggerBase& logger,
+                                                          ProgressReporter& progress) {
+    using Grid = SlicedGrid<Mineral::Type>;
+    const auto kCodes = static_cast<std::size_t>(Mineral::count());
+    auto grid = loadInto(
+        fileName, options, logger, progress,
+        [](const GridLoadGeometry& g, const GrainBedGridHeader& h) {
+            return std::make_shared<Grid>(g.size[0], g.size[1], g.size[2], g.margin[0], g.margin[1],
+                                          g.margin[2], h.cellSize);
+        },
+        [kCodes](Grid& target, std::uint32_t x, std::uint32_t y, std::uint32_t z,
+                 Mineral::Type code) {
+            // Every grid cell is placed at most once onto a cleared grid, so moving one
+            // count from pore to the code keeps the counters exact. Codes 14 and 15 are
+            // left for the caller's check and not counted.
+            target.sliceData(z)[static_cast<std::size_t>(y) * target.nx() + x] = code;
+            if (code != Mineral::Pore && code < kCodes && target.isInterior(x, y, z)) {
+                --target.counters()[Mineral::Pore];
+                ++target.counters()[code];
+            }
+        });
+    return grid;
+}
+
+std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> loadCompressedBlockedGrid(
+    const std::string& fileName, const GridLoadOptions& options, double availableMb,
+    LoggerBase& logger, ProgressReporter& progress, std::uint32_t blockEdge) {
+    using Grid = CompressedBlockedGrid<Mineral::Type>;
+    auto grid = loadInto(
+        fileName, options, logger, progress,
+        [&](const GridLoadGeometry& g, const GrainBedGridHeader& h) {
+            auto made =
+                std::make_shared<Grid>(g.size[0], g.size[1], g.size[2], g.margin[0], g.margin[1],
+                                       g.margin[2], h.cellSize, blockEdge, 1, &logger);
+            // File order runs along grid z unless x and z are exchanged; then one file
+            // slice touches a whole plane of blocks across y and z.
+            made->beginFill(g.permutation == 2 ? made->blocksY() * made->blocksZ()
+                                               : made->blocksX() * made->blocksY());
+            return made;
+        },
+        [](Grid& target, std::uint32_t x, std::uint32_t y, std::uint32_t z, Mineral::Type code) {
+            target.fillCell(x, y, z, code);
+        });
+    grid->endFill();
+    // The caller's logger need not outlive the grid.
+    grid->setLogger(nullptr);
+    grid->applyMemoryBudget(availableMb);
+    return grid;
+}
+
+}  // namespace nmr

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/exception.h"
+#include "common/logger.h"
+#include "common/progress_reporter.h"
+#include "io/compressed_in_stream.h"
+#include "io/compressed_out_stream.h"
+#include "io/grain_bed_grid_format.h"
+
+namespace nmr::test {
+
+class RecordingLogger : public LoggerBase {
+public:
+    void debug(const std::string&) override {}
+    void info(const std::string& text) override { infos.push_back(text); }
+    void warn(const std::string& text) override { warnings.push_back(text); }
+    void error(const std::string& text) override { errors.push_back(text); }
+    static bool has(const std::vector<std::string>& list, const std::string& text) {
+        return std::find(list.begin(), list.end(), text) != list.end();
+    }
+    std::vector<std::string> infos, warnings, errors;
+};
+
+// Asks to cancel from the start; stepChecked() then throws as a real reporter does.
+class CancellingProgress : public NullProgressReporter {
+public:
+    void stepChecked() override { throw UserCancelException("Cancelled by test"); }
+    bool cancelRequested() const override { return true; }
+};
+
+// A fresh directory per test, removed afterwards.
+class TempDirTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "nmr-io-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
+    std::string path(const std::string& name) const { return (dir_ / name).string(); }
+
+    std::filesystem::path dir_;
+};
+
+inline std::string readRaw(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+inline void writeRaw(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+inline void writeGzip(const std::string& path, const std::string& content) {
+    CompressedOutStream out;
+    ASSERT_TRUE(out.open(path));
+    out.write(content.data(), content.size());
+    out.close();
+    ASSERT_FALSE(out.failed());
+}
+
+// Everything a reader delivers, in reads of an awkward size to cross buffer edges.
+inline std::string readAllThrough(CompressedInStream& in) {
+    std::string all;
+    char buffer[1000];
+    std::size_t n = 0;
+    while ((n = in.read(buffer, sizeof buffer)) > 0) all.append(buffer, n);
+    return all;
+}
+
+// A legacy chunked file holding content in chunks of chunkBytes.
+inline std::string legacyFile(const std::string& content, std::size_t chunkBytes) {
+    std::ostringstream out;
+    out << "500124\n393988 1\n393989 6\n";
+    std::size_t chunks = 0, packedTotal = 0;
+    for (std::size_t at = 0; at < content.size(); at += chunkBytes, ++chunks) {
+        const std::string part = content.substr(at, chunkBytes);
+        std::vector<Bytef> packed(compressBound(part.size()));
+        uLongf packedSize = packed.size();
+        compress(packed.data(), &packedSize, reinterpret_cast<const Bytef*>(part.data()),
+                 part.size());
+        packedTotal += packedSize;
+        out << (chunks % 2 ? "393993 393999" : "393992 393998") << " 393990 " << part.size()
+            << " 393991 " << packedSize << " 377594\n";
+        out.write(reinterpret_cast<const char*>(packed.data()),
+                  static_cast<std::streamsize>(packedSize));
+        out << "\n377595\n";
+    }
+    out << "393994 393995 " << chunks << " 393996 " << content.size() << " 393997 " << packedTotal
+        << "\n";
+    return out.str();
+}
+
+// Decompressed content of a grain bed grid file: header lines, then one record per code.
+inline std::string gridFileContent(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
+                                   std::uint32_t margin, const std::vector<std::uint32_t>& codes) {
+    std::string content = grain_bed_grid::descriptionBlock() +
+                          grain_bed_grid::headerBlock(nx, ny, nz, margin, margin, margin, 2.5);
+    for (std::uint32_t code : codes) {
+        const GrainBedGridCell cell = GrainBedGridCell::make(7, code, 3);
+        char record[4];
+        grain_bed_grid::encodeRecords(&cell, 1, record);
+        content.append(record, 4);
+    }
+    return content;
+}
+
+}  // namespace nmr::test
