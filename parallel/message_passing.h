@@ -15,17 +15,39 @@ namespace nmr::mpi {
 
 template <typename T>
 MPI_Datatype datatype();
-template <> inline MPI_Datatype datatype<char>() { return MPI_CHAR; }
-template <> inline MPI_Datatype datatype<unsigned char>() { return MPI_UNSIGNED_CHAR; }
-template <> inline MPI_Datatype datatype<std::int32_t>() { return MPI_INT; }
-template <> inline MPI_Datatype datatype<std::uint32_t>() { return MPI_UNSIGNED; }
-template <> inline MPI_Datatype datatype<long long>() { return MPI_LONG_LONG_INT; }
-template <> inline MPI_Datatype datatype<long>() {
+template <>
+inline MPI_Datatype datatype<char>() {
+    return MPI_CHAR;
+}
+template <>
+inline MPI_Datatype datatype<unsigned char>() {
+    return MPI_UNSIGNED_CHAR;
+}
+template <>
+inline MPI_Datatype datatype<std::int32_t>() {
+    return MPI_INT;
+}
+template <>
+inline MPI_Datatype datatype<std::uint32_t>() {
+    return MPI_UNSIGNED;
+}
+template <>
+inline MPI_Datatype datatype<long long>() {
+    return MPI_LONG_LONG_INT;
+}
+template <>
+inline MPI_Datatype datatype<long>() {
     static_assert(sizeof(long) == sizeof(long long));
     return MPI_LONG_LONG_INT;
 }
-template <> inline MPI_Datatype datatype<float>() { return MPI_FLOAT; }
-template <> inline MPI_Datatype datatype<double>() { return MPI_DOUBLE; }
+template <>
+inline MPI_Datatype datatype<float>() {
+    return MPI_FLOAT;
+}
+template <>
+inline MPI_Datatype datatype<double>() {
+    return MPI_DOUBLE;
+}
 
 inline MPI_Comm world() { return MPI_COMM_WORLD; }
 
@@ -129,8 +151,8 @@ void sendReceive(const T& sendValue, int dest, T& recvValue, int source, int tag
                  world(), MPI_STATUS_IGNORE);
 }
 template <typename T>
-void sendReceive(const std::vector<T>& sendValues, int dest, std::vector<T>& recvValues,
-                 int source, int tag) {
+void sendReceive(const std::vector<T>& sendValues, int dest, std::vector<T>& recvValues, int source,
+                 int tag) {
     MPI_Sendrecv(sendValues.empty() ? nullptr : sendValues.data(),
                  static_cast<int>(sendValues.size()), datatype<T>(), dest, tag,
                  recvValues.empty() ? nullptr : recvValues.data(),
@@ -164,8 +186,8 @@ inline void wait(MPI_Request& request) { MPI_Wait(&request, MPI_STATUS_IGNORE); 
 template <typename T>
 std::vector<T> gather(const T& value, int root) {
     std::vector<T> all(rank() == root ? static_cast<std::size_t>(size()) : 0);
-    MPI_Gather(&value, 1, datatype<T>(), all.empty() ? nullptr : all.data(), 1, datatype<T>(),
-               root, world());
+    MPI_Gather(&value, 1, datatype<T>(), all.empty() ? nullptr : all.data(), 1, datatype<T>(), root,
+               world());
     return all;
 }
 template <typename T>
@@ -186,8 +208,8 @@ std::vector<T> allGather(const std::vector<T>& values) {
 template <typename T>
 T scatter(const std::vector<T>& values, int root) {
     T mine{};
-    MPI_Scatter(values.empty() ? nullptr : values.data(), 1, datatype<T>(), &mine, 1,
-                datatype<T>(), root, world());
+    MPI_Scatter(values.empty() ? nullptr : values.data(), 1, datatype<T>(), &mine, 1, datatype<T>(),
+                root, world());
     return mine;
 }
 // Each process receives recv.size() elements: block k of the root's send vector.

@@ -23,8 +23,8 @@ TEST(MessagePassing, VectorBroadcastResizesReceivers) {
     mpi::broadcast(values, 0);
     EXPECT_EQ(values, (std::vector<std::uint32_t>{7, 8, 9}));
 
-    std::vector<long long> big = rank == 0 ? std::vector<long long>{1LL << 40, -5}
-                                           : std::vector<long long>(5, 3);
+    std::vector<long long> big =
+        rank == 0 ? std::vector<long long>{1LL << 40, -5} : std::vector<long long>(5, 3);
     mpi::broadcast(big, 0);
     EXPECT_EQ(big, (std::vector<long long>{1LL << 40, -5}));
 
@@ -70,16 +70,18 @@ TEST(MessagePassing, AgreementAndReductions) {
     EXPECT_EQ(mpi::allReduce(static_cast<std::uint32_t>(rank + 3), MPI_MIN), 3u);
 
     const double maxTime = mpi::reduce(static_cast<double>(rank) * 1.5, MPI_MAX, 0);
-    if (rank == 0) EXPECT_EQ(maxTime, 1.5 * (size - 1));
+    if (rank == 0) {
+        EXPECT_EQ(maxTime, 1.5 * (size - 1));
+    }
 
     // Element-wise sum onto the root; the receive vector is sized on every process.
     std::vector<std::uint32_t> local = {1, static_cast<std::uint32_t>(rank), 0};
     std::vector<std::uint32_t> summed(local.size(), 0);
     mpi::reduce(local, summed, MPI_SUM, 0);
     if (rank == 0) {
-        EXPECT_EQ(summed, (std::vector<std::uint32_t>{static_cast<std::uint32_t>(size),
-                                                      static_cast<std::uint32_t>(size * (size - 1) / 2),
-                                                      0}));
+        EXPECT_EQ(summed, (std::vector<std::uint32_t>{
+                              static_cast<std::uint32_t>(size),
+                              static_cast<std::uint32_t>(size * (size - 1) / 2), 0}));
     }
     std::vector<std::uint32_t> none, noneOut;
     mpi::reduce(none, noneOut, MPI_SUM, 0);  // empty vectors pass null buffers
@@ -114,10 +116,12 @@ TEST(MessagePassing, StringFromAnySourceUsesTheHeaderRank) {
         for (int i = 1; i < size; ++i) {
             std::string text;
             MPI_Status status = mpi::receive(text, MPI_ANY_SOURCE, 7);
-            EXPECT_EQ(text, std::string(static_cast<std::size_t>(status.MPI_SOURCE) * 3, 'a' + static_cast<char>(status.MPI_SOURCE)));
+            EXPECT_EQ(text, std::string(static_cast<std::size_t>(status.MPI_SOURCE) * 3,
+                                        'a' + static_cast<char>(status.MPI_SOURCE)));
         }
     } else {
-        mpi::send(std::string(static_cast<std::size_t>(rank) * 3, 'a' + static_cast<char>(rank)), 0, 7);
+        mpi::send(std::string(static_cast<std::size_t>(rank) * 3, 'a' + static_cast<char>(rank)), 0,
+                  7);
     }
 }
 
@@ -137,7 +141,9 @@ TEST(MessagePassing, PointToPointAndGather) {
     for (int r = 0; r < size; ++r) expected[static_cast<std::size_t>(r)] = r * 10;
     EXPECT_EQ(ranks, expected);
     const auto gathered = mpi::gather(static_cast<float>(rank), 0);
-    if (rank == 0) EXPECT_EQ(gathered.size(), static_cast<std::size_t>(size));
+    if (rank == 0) {
+        EXPECT_EQ(gathered.size(), static_cast<std::size_t>(size));
+    }
 }
 
 }  // namespace

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "grid/compressed_blocked_grid.h"
+#include "grid/region_of_interest.h"
+#include "grid/sliced_grid.h"
+#include "walk/random_stream.h"
+#include "walk/walker.h"
+
+namespace nmr {
+
+// What the distribution step needs to know about the run.
+struct DistributionRequest {
+    int rank = 0;
+    int size = 1;
+    std::string gridPath;
+    // Applied when enabled: only this sub-box of the file's interior is loaded.
+    RegionOfInterest region;
+    // Memory per process in MiB: decides between a plain and a compressed copy.
+    std::uint32_t memoryLimitMb = 1500;
+    // Over all processes.
+    std::int32_t numberOfWalkers = 0;
+};
+
+// This process's copy of the grid: exactly one of the two is set after a success,
+// neither after a failure.
+struct DistributedGrid {
+    std::shared_ptr<SlicedGrid<Mineral::Type>> plain;
+    std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> compressed;
+
+    explicit operator bool() const { return plain || compressed; }
+    const Grid<Mineral::Type>& grid() const {
+        return plain ? static_cast<const Grid<Mineral::Type>&>(*plain) : *compressed;
+    }
+};
+
+// The size of a plain copy as the decision between plain and compressed reckons it:
+// ceil(x*y*z / 8) cells-of-eight kept in its low 32 bits, times 4 bytes, in MiB. The
+// 32-bit wrap for huge grids is part of the rule and is kept.
+double estimatedPlainGridMb(std::int32_t x, std::int32_t y, std::int32_t z);
+// Compressed when 0.8 * estimate exceeds the budget (strictly).
+bool needsCompressedGrid(double estimatedMb, std::uint32_t memoryLimitMb);
+
+// Walkers per process in plain mode: total / size, one more on ranks below the remainder.
+std::int32_t localWalkerCount(std::int32_t total, int rank, int size);
+
+// Collective over the world communicator. Process 0 reads the grid file; the grid is
+// replicated on every process, plain (one broadcast per z slice) or as compressed blocks
+// (the compressed bytes travel as they are), and the walkers are created and divided.
+// Messages and timings go to `console` on process 0 only. Every decision is agreed
+// before anyone acts on it, so on failure all processes return an empty grid together.
+DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, RandomStream& stream,
+                                         std::vector<Walker>& walkers, std::ostream& console);
+
+}  // namespace nmr

@@ -1,0 +1,195 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+
+#include "io/grain_bed_grid_writer.h"
+#include "parallel/grid_distribution.h"
+#include "parallel/message_passing.h"
+#include "walk/block_key_tables.h"
+
+namespace nmr {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(GridDistributionRules, PlainSizeEstimateWrapsAt32Bits) {
+    // 100^3 cells -> 125000 eighths -> 500000 bytes.
+    EXPECT_DOUBLE_EQ(estimatedPlainGridMb(100, 100, 100), 500000.0 / 1048576.0);
+    EXPECT_DOUBLE_EQ(estimatedPlainGridMb(3, 1, 1), 4.0 / 1048576.0);  // rounded up
+    // 4096^3 / 8 = 2^33: its low 32 bits are 0, so the estimate wraps to nothing.
+    EXPECT_DOUBLE_EQ(estimatedPlainGridMb(4096, 4096, 4096), 0.0);
+    EXPECT_DOUBLE_EQ(estimatedPlainGridMb(4096, 4096, 4104), 4096.0 * 4096 * 8 / 8 * 4 / 1048576.0);
+    // Equality keeps the plain representation.
+    EXPECT_FALSE(needsCompressedGrid(1250.0, 1000));
+    EXPECT_TRUE(needsCompressedGrid(1250.0001, 1000));
+}
+
+TEST(GridDistributionRules, PlainWalkerShares) {
+    const std::vector<std::int32_t> expected = {3, 3, 2, 2};
+    for (int r = 0; r < 4; ++r) EXPECT_EQ(localWalkerCount(10, r, 4), expected[r]);
+    EXPECT_EQ(localWalkerCount(7, 0, 1), 7);
+    EXPECT_EQ(localWalkerCount(2, 3, 4), 0);
+}
+
+// A rock of nx*ny*nz cells where a cell is Quartz when (x + 2y + 3z) % 5 == 0, else pore;
+// one cell may be given a different code.
+class DistributionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string dir;
+        if (mpi::rank() == 0) {
+            dir = (fs::temp_directory_path() / ("nmr-dist-" + std::to_string(::getpid()))).string();
+            fs::create_directories(dir);
+        }
+        mpi::broadcast(dir, 0);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        mpi::barrier();
+        if (mpi::rank() == 0) fs::remove_all(dir_);
+    }
+    static Mineral::Type expectedCell(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
+        return (x + 2 * y + 3 * z) % 5 == 0 ? Mineral::Quartz : Mineral::Pore;
+    }
+    std::string writeRock(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
+                          std::uint32_t badCode = 0) {
+        const std::string path = (dir_ / "rock.binc").string();
+        if (mpi::rank() == 0) {
+            GrainBedGridWriter writer(path, nx, ny, nz, 0, 0, 0, 2.0);
+            std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(nx) * ny);
+            for (std::uint32_t z = 0; z < nz; ++z) {
+                for (std::uint32_t y = 0; y < ny; ++y)
+                    for (std::uint32_t x = 0; x < nx; ++x)
+                        slice[y * nx + x] = GrainBedGridCell::make(0, expectedCell(x, y, z));
+                if (badCode != 0 && z == nz / 2) slice[0] = GrainBedGridCell::make(0, badCode);
+                writer.writeSlice(slice.data());
+            }
+            writer.close();
+        }
+        mpi::barrier();
+        return path;
+    }
+    DistributionRequest request(const std::string& path, std::uint32_t memoryMb,
+                                std::int32_t walkers) {
+        DistributionRequest r;
+        r.rank = mpi::rank();
+        r.size = mpi::size();
+        r.gridPath = path;
+        r.memoryLimitMb = memoryMb;
+        r.numberOfWalkers = walkers;
+        return r;
+    }
+    static void expectSameCells(const auto& grid, const BlockBounds& box) {
+        for (std::uint32_t z = box.z0; z < box.z1; ++z)
+            for (std::uint32_t y = box.y0; y < box.y1; ++y)
+                for (std::uint32_t x = box.x0; x < box.x1; ++x)
+                    ASSERT_EQ(grid.at(x, y, z), expectedCell(x, y, z)) << x << "," << y << "," << z;
+    }
+    static void expectSameRock(const SlicedGrid<Mineral::Type>& grid) {
+        expectSameCells(grid, BlockBounds{0, 0, 0, grid.nx(), grid.ny(), grid.nz()});
+    }
+    // Block by block: a compressed grid keeps only a few blocks expanded.
+    static void expectSameRock(const CompressedBlockedGrid<Mineral::Type>& grid) {
+        for (std::uint32_t b = 0; b < grid.blockCount(); ++b)
+            expectSameCells(grid, grid.blockBounds(b));
+    }
+    fs::path dir_;
+};
+
+TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
+    const std::string path = writeRock(20, 17, 13);
+    RandomStream stream(8008u + static_cast<std::uint32_t>(mpi::rank()));
+    std::vector<Walker> walkers;
+    std::ostringstream console;
+    const DistributedGrid copy =
+        distributeGridAndWalkers(request(path, 1500, 103), stream, walkers, console);
+    ASSERT_TRUE(copy.plain);
+    EXPECT_FALSE(copy.compressed);
+    expectSameRock(*copy.plain);
+    EXPECT_DOUBLE_EQ(copy.grid().cellSize(), 2.0);
+    // Every process agrees on the volume fractions the summary is computed from.
+    EXPECT_DOUBLE_EQ(mpi::allReduce(copy.grid().porosity(), MPI_MAX),
+                     mpi::allReduce(copy.grid().porosity(), MPI_MIN));
+    EXPECT_EQ(static_cast<std::int32_t>(walkers.size()),
+              localWalkerCount(103, mpi::rank(), mpi::size()));
+    for (const Walker& w : walkers)
+        EXPECT_EQ(copy.plain->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
+                  Mineral::Pore);
+    if (mpi::rank() == 0) {
+        EXPECT_NE(console.str().find("* Read grid time: "), std::string::npos);
+        EXPECT_EQ(console.str().find("* Distribute time: ") != std::string::npos, mpi::size() > 1);
+    } else {
+        EXPECT_TRUE(console.str().empty());
+    }
+}
+
+TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
+    // 200^3 cells: the plain estimate is 3.8 MiB, so a 3 MB limit (0.8 * 3.8 > 3) forces
+    // the compressed copy, and 2 MB remain for expanded 64^3 blocks of 1 MiB.
+    const std::string path = writeRock(200, 200, 200);
+    RandomStream stream(77u + static_cast<std::uint32_t>(mpi::rank()));
+    std::vector<Walker> walkers;
+    std::ostringstream console;
+    const std::int32_t total = 203;
+    const DistributedGrid copy =
+        distributeGridAndWalkers(request(path, 3, total), stream, walkers, console);
+    ASSERT_TRUE(copy.compressed);
+    EXPECT_FALSE(copy.plain);
+    expectSameRock(*copy.compressed);
+    EXPECT_EQ(copy.grid().counters(), copy.compressed->counters());
+    const int size = mpi::size();
+    const std::int32_t share = total / size;
+    const std::int32_t expected = mpi::rank() == 0 ? share + total % size : share;
+    EXPECT_EQ(static_cast<std::int32_t>(walkers.size()), expected);
+    // Each process's run (before process 0's remainder) is in block order.
+    const BlockKeyTables tables = makeBlockKeyTables(200, 200, 200);
+    for (std::int32_t i = 1; i < share; ++i)
+        EXPECT_LE(tables.key(walkers[i - 1]), tables.key(walkers[i]));
+    for (const Walker& w : walkers)
+        EXPECT_EQ(copy.compressed->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
+                  Mineral::Pore);
+    if (mpi::rank() == 0) {
+        EXPECT_NE(console.str().find("* Create walkers time: "), std::string::npos);
+    }
+}
+
+TEST_F(DistributionTest, FailuresEndEveryProcessWithAnEmptyGrid) {
+    struct Case {
+        std::string name;
+        std::uint32_t badCode;
+        bool missing;
+        bool region;
+        std::uint32_t memoryMb;
+        std::string message;
+        std::uint32_t edge = 40;
+    };
+    const std::vector<Case> cases = {
+        {"missing file", 0, true, false, 1500, "Unable to read grid file: "},
+        {"region too large", 0, false, true, 1500, "Sub-region size does not match grid size.\n"},
+        {"code 14", 14, false, false, 1500,
+         "The grid contains voxels which have\nnot been assigned a valid mineral value.\nOnly "
+         "mineral and pore voxels are currently supported.\n"},
+        {"code 15 compressed", 15, false, false, 3, "The grid contains voxels which have\n", 200},
+        {"budget below one block", 0, false, false, 0,
+         "Not enough memory available, need at least "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string path = writeRock(c.edge, c.edge, c.edge, c.badCode);
+        if (c.missing) path += ".absent";
+        DistributionRequest r = request(path, c.memoryMb, 50);
+        if (c.region) r.region = RegionOfInterest{0, 10, 0, 41, 0, 5, true};
+        RandomStream stream(1u);
+        std::vector<Walker> walkers;
+        std::ostringstream console;
+        const DistributedGrid copy = distributeGridAndWalkers(r, stream, walkers, console);
+        EXPECT_FALSE(copy);
+        if (mpi::rank() == 0) {
+            EXPECT_NE(console.str().find(c.message), std::string::npos) << console.str();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace nmr
