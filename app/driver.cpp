@@ -5,11 +5,23 @@
 #include <cstdint>
 #include <memory>
 
+#include <iostream>
+#include <vector>
+
 #include "app/command_line.h"
 #include "app/job_control.h"
+#include "app/rock_summary.h"
+#include "app/walker_loop.h"
+#include "parallel/grid_distribution.h"
 #include "parallel/message_passing.h"
 #include "params/nmr_parameters.h"
 #include "params/parameter_broadcast.h"
+#include "t2/decay_output.h"
+#include "t2/t2_grid.h"
+#include "t2/t2_inversion.h"
+#include "walk/absorption_histogram.h"
+#include "walk/decay_curve.h"
+#include "walk/random_stream.h"
 
 namespace nmr::app {
 
@@ -20,6 +32,8 @@ constexpr int kEarlyEnd = -1;  // all bits set; the shell shows 255
 constexpr const char* kParameterPath = "./nmr.yaml";
 constexpr std::uint32_t kInitialisationPhase = 0;
 constexpr std::uint32_t kPhaseCount = 2;
+// Largest accepted ratio of the first to the last kept singular value of the kernel.
+constexpr double kMaxConditionRatio = 1000000.0;
 
 // One process's run, phase by phase. Every phase that can fail ends in an agreement
 // among all processes before its result is tested, so every process leaves at the same
@@ -41,12 +55,25 @@ public:
         announceGridReading();
         if (!pollStart()) return finish(kEarlyEnd);
 
-        // ---- Later phases go here, in order: seed the random streams with randomSeed +
-        // rank; read the grid and distribute the walkers; the second progress signal and a
-        // Running poll; the rock summary and walk set-up; the walker loop; reductions,
-        // decay curve, inversion, output files, the Stopped poll and the timing report
-        // (which uses startTime_). Each ends with return finish(kEarlyEnd) on failure.
+        seedRandomStream();
+        if (!distributeGrid()) return finish(kEarlyEnd);
+        sendProgressSignal("Initializing", "Reading of grid complete..", 1.0, kInitialisationPhase,
+                           kPhaseCount);
+        if (pollJobStatus(JobStatus::Running, rank_) != JobStatus::Running)
+            return finish(kEarlyEnd);
 
+        summary_ = computeRockSummary(*parameters_, grid_.grid());
+        if (rank_ == 0) printRockSummary(std::cout, summary_, *parameters_, grid_.grid());
+        setup_ = buildWalkSetup(summary_, *parameters_);
+
+        status_ = pollJobStatus(JobStatus::Running, rank_);
+        if (status_ != JobStatus::Running) return finish(kEarlyEnd);
+        // A stop or abort seen during the walk discards the partial counts: no curve, no
+        // output file and no timing report from this run.
+        if (!walkAllWalkers()) return finish(kEarlyEnd);
+        collectAndWriteResults();
+        pollJobStatus(JobStatus::Stopped, rank_);
+        if (rank_ == 0) printTiming();
         return finish(kComplete);
     }
 
@@ -75,6 +102,70 @@ private:
         return status_ == JobStatus::Running;
     }
 
+    // One stream per process: randomSeed + rank, with 32-bit wrap.
+    void seedRandomStream() {
+        stream_ = std::make_unique<RandomStream>(streamSeed(parameters_->randomSeed(), rank_));
+    }
+
+    bool distributeGrid() {
+        DistributionRequest request;
+        request.rank = rank_;
+        request.size = size_;
+        request.gridPath = parameters_->grid();
+        if (const auto* region = parameters_->regionOfInterest()) {
+            request.region = region->regionOfInterest();
+        } else {
+            request.region.enabled = false;
+        }
+        request.memoryLimitMb = memoryLimitMB_;
+        request.numberOfWalkers = parameters_->numberOfWalkers();
+        grid_ = distributeGridAndWalkers(request, *stream_, walkers_, std::cout);
+        return static_cast<bool>(grid_);
+    }
+
+    bool walkAllWalkers() {
+        simulationStart_ = MPI_Wtime();
+        const bool completed = grid_.plain
+                                   ? runWalkerLoop(*grid_.plain, walkers_, *stream_, setup_,
+                                                   summary_, rank_, status_, histogram_, std::cout)
+                                   : runWalkerLoop(*grid_.compressed, walkers_, *stream_, setup_,
+                                                   summary_, rank_, status_, histogram_, std::cout);
+        return completed;
+    }
+
+    // The slowest process's walk time and the summed histogram reach process 0, which
+    // builds the decay curve, writes it, inverts it and writes the T2 distribution.
+    void collectAndWriteResults() {
+        simulationSeconds_ = mpi::reduce(MPI_Wtime() - simulationStart_, MPI_MAX, 0);
+        const ReducedAbsorptions reduced = reduceAbsorptions(histogram_);
+        if (rank_ != 0) return;
+
+        const SaturationSummary& w = summary_.saturation;
+        const DecayCurve curve =
+            buildDecayCurve(reduced.counts, setup_.schedule.intervalEndTime,
+                            parameters_->numberOfWalkers(), summary_.clay, w.totalWaterSaturation,
+                            w.clayFraction, summary_.bulkT2Ms, summary_.fieldTerm);
+        for (std::size_t i = 0; i < curve.times.size(); ++i) {
+            std::cout << curve.times[i] << ": " << curve.values[i] << std::endl;
+        }
+        t2::writeColumns(curve.times, curve.values, t2::kDecayFileName);
+
+        const std::vector<double> axis = t2::makeT2Grid(
+            parameters_->t2Minimum(), parameters_->t2Maximum(), parameters_->t2Components());
+        std::vector<double> amplitudes;
+        double lambda = -1.0;
+        t2::T2Inversion inversion;
+        inversion.solve(curve.times, curve.values, axis, kMaxConditionRatio, amplitudes, lambda);
+        t2::writeColumns(axis, amplitudes, t2::kInversionFileName);
+    }
+
+    void printTiming() const {
+        std::cout << "--------------------------------------\n"
+                  << "* Spent " << simulationSeconds_ << " seconds in simulation.\n"
+                  << "* Total time: " << MPI_Wtime() - startTime_ << "\n\n"
+                  << std::flush;
+    }
+
     // The runtime ends on every path out; what the driver holds is released when it goes
     // out of scope afterwards, the stopped-file guard last. MPI_Finalize waits for every
     // process, so "STOPPED" written just before it exists before any process can exit.
@@ -94,6 +185,14 @@ private:
     std::uint32_t memoryLimitMB_ = kDefaultMemoryLimitMB;
     std::unique_ptr<NuclearMagneticResonanceParameters> parameters_;
     JobStatus status_ = JobStatus::Start;
+    std::unique_ptr<RandomStream> stream_;
+    DistributedGrid grid_;
+    std::vector<Walker> walkers_;
+    RockSummary summary_;
+    WalkSetup setup_;
+    AbsorptionHistogram histogram_{kIntervalCount};
+    double simulationStart_ = 0.0;
+    double simulationSeconds_ = 0.0;
 };
 
 }  // namespace

@@ -30,17 +30,12 @@ private:
 };
 
 // Declares a subclass that only changes the dynamic type.
-#define NMR_DECLARE_EXCEPTION(Name, Base)                 \
-    class Name : public Base {                            \
-    public:                                               \
-        explicit Name(std::string message)                \
-            : Base(std::move(message)) {}                 \
-        std::string message() const override {            \
-            return Base::message();                       \
-        }                                                 \
-        [[noreturn]] void raise() const override {        \
-            throw *this;                                  \
-        }                                                 \
+#define NMR_DECLARE_EXCEPTION(Name, Base)                                \
+    class Name : public Base {                                           \
+    public:                                                              \
+        explicit Name(std::string message) : Base(std::move(message)) {} \
+        std::string message() const override { return Base::message(); } \
+        [[noreturn]] void raise() const override { throw *this; }        \
     }
 
 // Opening, reading, parsing or writing a grid file failed.

@@ -45,11 +45,16 @@ void LogCore::setSink(std::ostream* sink) {
 
 const char* LogCore::levelName(LogLevel level) {
     switch (level) {
-        case LogLevel::Error: return "ERROR";
-        case LogLevel::Warn: return "WARN";
-        case LogLevel::Info: return "INFO";
-        case LogLevel::Debug: return "DEBUG";
-        case LogLevel::Off: break;
+        case LogLevel::Error:
+            return "ERROR";
+        case LogLevel::Warn:
+            return "WARN";
+        case LogLevel::Info:
+            return "INFO";
+        case LogLevel::Debug:
+            return "DEBUG";
+        case LogLevel::Off:
+            break;
     }
     return "";
 }

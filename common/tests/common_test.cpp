@@ -103,7 +103,8 @@ TEST_F(LogCoreTest, ConcurrentRecordsDoNotInterleave) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
-            Logger log("t" + std::to_string(t));
+            const char names[][3] = {"t0", "t1", "t2", "t3"};
+            Logger log(names[t]);
             for (int i = 0; i < 200; ++i) log.info("0123456789abcdef");
         });
     }

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+
+#include "grid/grid.h"
+#include "params/nmr_parameters.h"
+#include "walk/absorption_table.h"
+#include "walk/clay_micro_porosity.h"
+#include "walk/saturation.h"
+#include "walk/step_schedule.h"
+
+namespace nmr::app {
+
+// Number of time intervals of the walk, and the length of every process's histogram.
+inline constexpr std::uint32_t kIntervalCount = 300;
+
+// The rock model as every process computes it before walking: the same numbers on every
+// process, because each holds the same grid and the same broadcast parameters.
+struct RockSummary {
+    SaturationSummary saturation;
+    double bulkT2Ms = 0.0;        // bulkWaterT2 * 1000
+    double resolutionM = 0.0;     // cell size (um) * 1e-6
+    double step = 0.0;            // stepLength, voxels
+    double halfStep = 0.0;        // the fine step
+    ClayMicroPorosityModel clay;  // its t2Micro is T2_micro (ms)
+    double fieldTerm = 0.0;       // magnetic field contribution water (1/ms)
+};
+
+RockSummary computeRockSummary(NuclearMagneticResonanceParameters& parameters,
+                               const Grid<Mineral::Type>& grid);
+
+// The summary block of process 0, each line flushed, then a blank pair of lines.
+void printRockSummary(std::ostream& out, const RockSummary& summary,
+                      const NuclearMagneticResonanceParameters& parameters,
+                      const Grid<Mineral::Type>& grid);
+
+// The step schedule and both absorption tables, read-only while walking.
+struct WalkSetup {
+    StepSchedule schedule;
+    AbsorptionTable fineTable;
+    AbsorptionTable coarseTable;
+};
+
+WalkSetup buildWalkSetup(const RockSummary& summary,
+                         const NuclearMagneticResonanceParameters& parameters);
+
+}  // namespace nmr::app

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <ostream>
+#include <vector>
+
+#include "app/job_control.h"
+#include "app/progress_bar.h"
+#include "app/rock_summary.h"
+#include "parallel/message_passing.h"
+#include "walk/absorption_histogram.h"
+#include "walk/walk.h"
+#include "walk/walker.h"
+
+namespace nmr::app {
+
+// How often the processes poll the job files together, in walkers.
+inline constexpr std::uint32_t kPollInterval = 1000;
+// About this many progress signals per run.
+inline constexpr double kProgressSignals = 50.0;
+
+// Walks every local walker in array order and counts its interval. Returns false when a
+// poll found the job stopped or aborted; the partial histogram is then to be discarded.
+// Collective: every process polls at the same walker indices.
+template <typename G>
+bool runWalkerLoop(const G& grid, const std::vector<Walker>& walkers, RandomStream& stream,
+                   const WalkSetup& setup, const RockSummary& summary, int rank, JobStatus& status,
+                   AbsorptionHistogram& histogram, std::ostream& console) {
+    const auto local = static_cast<std::uint32_t>(walkers.size());
+    const WalkGridView<G> view = makeWalkGridView(grid);
+    std::unique_ptr<ProgressBar> bar;
+    if (rank == 0) bar = std::make_unique<ProgressBar>(local, console);
+    const std::uint32_t fewest = mpi::allReduce(local, MPI_MIN);
+    // Computed once; fewer than 50 walkers give 0, and a signal every 0 walkers would be
+    // a division by zero, so the signal is then skipped instead.
+    const auto signalInterval =
+        static_cast<std::uint32_t>(static_cast<double>(local) / kProgressSignals);
+
+    for (std::uint32_t i = 0; i < local; ++i) {
+        const std::uint32_t k = walkWalker(
+            stream, walkers[i], view, setup.schedule.stepsPerInterval, setup.schedule.fineIntervals,
+            summary.halfStep, summary.step, setup.fineTable, setup.coarseTable);
+        countAbsorption(histogram, k);
+        if (rank == 0) {
+            bar->advance();
+            if (signalInterval != 0 && i % signalInterval == 0) {
+                sendProgressSignal("Random walk NMR", "Simulating..",
+                                   static_cast<double>(i) / static_cast<double>(local), 1, 2);
+            }
+        }
+        // Polls stop below the smallest local count: only indices that every process
+        // reaches are polled, so no process waits in a broadcast that others never join.
+        if (i < fewest && i % kPollInterval == 0) {
+            status = pollJobStatus(status, rank);
+            if (status != JobStatus::Running) return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace nmr::app
