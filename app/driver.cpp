@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include <exception>
 #include <iostream>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "app/job_control.h"
 #include "app/rock_summary.h"
 #include "app/walker_loop.h"
+#include "common/exception.h"
 #include "parallel/grid_distribution.h"
 #include "parallel/message_passing.h"
 #include "params/nmr_parameters.h"
@@ -71,7 +73,7 @@ public:
         // A stop or abort seen during the walk discards the partial counts: no curve, no
         // output file and no timing report from this run.
         if (!walkAllWalkers()) return finish(kEarlyEnd);
-        collectAndWriteResults();
+        if (!collectAndWriteResults()) return finish(kEarlyEnd);
         pollJobStatus(JobStatus::Stopped, rank_);
         if (rank_ == 0) printTiming();
         return finish(kComplete);
@@ -124,22 +126,36 @@ private:
     }
 
     bool walkAllWalkers() {
-        simulationStart_ = MPI_Wtime();
-        const bool completed = grid_.plain
-                                   ? runWalkerLoop(*grid_.plain, walkers_, *stream_, setup_,
-                                                   summary_, rank_, status_, histogram_, std::cout)
-                                   : runWalkerLoop(*grid_.compressed, walkers_, *stream_, setup_,
-                                                   summary_, rank_, status_, histogram_, std::cout);
-        return completed;
+        return grid_.plain ? runWalkerLoop(*grid_.plain, walkers_, *stream_, setup_, summary_,
+                                           rank_, status_, histogram_, std::cout, simulationStart_)
+                           : runWalkerLoop(*grid_.compressed, walkers_, *stream_, setup_, summary_,
+                                           rank_, status_, histogram_, std::cout, simulationStart_);
     }
 
     // The slowest process's walk time and the summed histogram reach process 0, which
-    // builds the decay curve, writes it, inverts it and writes the T2 distribution.
-    void collectAndWriteResults() {
+    // builds the decay curve, writes it, inverts it and writes the T2 distribution. A
+    // failure there (memory for the inversion, say) is agreed on, so no process is left
+    // waiting in the final poll. Returns true on every process when process 0 succeeded.
+    bool collectAndWriteResults() {
         simulationSeconds_ = mpi::reduce(MPI_Wtime() - simulationStart_, MPI_MAX, 0);
         const ReducedAbsorptions reduced = reduceAbsorptions(histogram_);
-        if (rank_ != 0) return;
+        bool written = true;
+        if (rank_ == 0) {
+            try {
+                writeResults(reduced);
+            } catch (const Exception& e) {
+                std::cout << "ERROR: " << e.message() << std::endl;
+                written = false;
+            } catch (const std::exception& e) {
+                std::cout << "ERROR: " << e.what() << std::endl;
+                written = false;
+            }
+        }
+        mpi::broadcast(written, 0);
+        return written;
+    }
 
+    void writeResults(const ReducedAbsorptions& reduced) {
         const SaturationSummary& w = summary_.saturation;
         const DecayCurve curve =
             buildDecayCurve(reduced.counts, setup_.schedule.intervalEndTime,
@@ -199,8 +215,20 @@ private:
 
 int runDriver(int argc, char** argv) {
     MPI_Init(&argc, &argv);
-    RunDriver driver(argc, argv);
-    return driver.run();
+    // Every phase agrees on its own failures. Anything that still escapes (memory
+    // exhausted in the middle of a transfer) cannot be agreed on any more: the message
+    // goes out, the stopped-file guard runs as the driver unwinds, and the whole job is
+    // ended so that no process waits for this one.
+    try {
+        RunDriver driver(argc, argv);
+        return driver.run();
+    } catch (const Exception& e) {
+        std::cout << "ERROR: " << e.message() << std::endl;
+    } catch (const std::exception& e) {
+        std::cout << "ERROR: " << e.what() << std::endl;
+    }
+    MPI_Abort(MPI_COMM_WORLD, 1);
+    return kEarlyEnd;
 }
 
 }  // namespace nmr::app

@@ -23,15 +23,17 @@ inline constexpr double kProgressSignals = 50.0;
 // Walks every local walker in array order and counts its interval. Returns false when a
 // poll found the job stopped or aborted; the partial histogram is then to be discarded.
 // Collective: every process polls at the same walker indices.
+// simulationStart receives MPI_Wtime() just before the first walker.
 template <typename G>
 bool runWalkerLoop(const G& grid, const std::vector<Walker>& walkers, RandomStream& stream,
                    const WalkSetup& setup, const RockSummary& summary, int rank, JobStatus& status,
-                   AbsorptionHistogram& histogram, std::ostream& console) {
+                   AbsorptionHistogram& histogram, std::ostream& console, double& simulationStart) {
     const auto local = static_cast<std::uint32_t>(walkers.size());
     const WalkGridView<G> view = makeWalkGridView(grid);
     std::unique_ptr<ProgressBar> bar;
     if (rank == 0) bar = std::make_unique<ProgressBar>(local, console);
     const std::uint32_t fewest = mpi::allReduce(local, MPI_MIN);
+    simulationStart = mpi::wallTime();
     // Computed once; fewer than 50 walkers give 0, and a signal every 0 walkers would be
     // a division by zero, so the signal is then skipped instead.
     const auto signalInterval =

@@ -2,7 +2,12 @@
 function(nmr_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wpedantic)
   if(NMR_WERROR)
-    target_compile_options(${target} PRIVATE -Werror)
+    # g++ 12's flow-based diagnostics misfire inside inlined standard-library code at -O2
+    # (std::string and std::vector internals); they stay visible as warnings but do not
+    # fail the build.
+    target_compile_options(${target} PRIVATE -Werror -Wno-error=restrict
+      -Wno-error=free-nonheap-object -Wno-error=maybe-uninitialized
+      -Wno-error=stringop-overflow -Wno-error=array-bounds)
   endif()
 endfunction()
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 
 #include "common/exception.h"
 #include "common/logger.h"
@@ -207,6 +208,8 @@ std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> replicateCompressed(
                     grid->installBlock(b, description, std::move(bytes));
                 } catch (const Exception&) {
                     grid.reset();
+                } catch (const std::bad_alloc&) {
+                    grid.reset();
                 }
             }
         }
@@ -217,6 +220,8 @@ std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> replicateCompressed(
         try {
             grid->applyMemoryBudget(budgetMb);
         } catch (const Exception&) {
+            grid.reset();
+        } catch (const std::bad_alloc&) {
             grid.reset();
         }
     }
@@ -311,9 +316,21 @@ DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, Ran
         DistributedGrid read;
         if (rank == kRoot) read = readGrid(request, false, request.memoryLimitMb, console);
         DistributedGrid copy = replicate(read, request, false, request.memoryLimitMb, console);
-        if (copy) {
+        if (!copy) return copy;
+        bool created = true;
+        try {
             createWalkers(stream, makeWalkGridView(*copy.plain),
                           localWalkerCount(request.numberOfWalkers, rank, size), walkers);
+        } catch (const std::bad_alloc&) {
+            created = false;
+        }
+        if (!mpi::allTrue(created)) {
+            if (rank == kRoot) {
+                console << "Unable to allocate memory for " << request.numberOfWalkers << " walkers"
+                        << std::endl;
+            }
+            walkers.clear();
+            return {};
         }
         return copy;
     }
@@ -321,8 +338,9 @@ DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, Ran
     // Compressed mode. Process 0 holds every walker for a while and the others their
     // share, so that memory comes off each one's grid budget. The walkers need the grid
     // for their pore test, so process 0 reads the grid before it places them.
-    const std::int32_t share = request.numberOfWalkers / size;
-    const std::int64_t held = rank == kRoot ? request.numberOfWalkers : share;
+    const std::int32_t total = std::max(request.numberOfWalkers, 0);
+    const std::int32_t share = total / size;
+    const std::int64_t held = rank == kRoot ? total : share;
     const double budgetMb = std::floor(static_cast<double>(request.memoryLimitMb) - walkerMb(held));
 
     DistributedGrid read;
@@ -332,16 +350,25 @@ DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, Ran
     if (!present) return {};
 
     std::vector<Walker> all;
+    bool created = true;
     if (rank == kRoot) {
         const double start = mpi::wallTime();
         const auto& grid = *read.compressed;
         const BlockKeyTables tables =
             makeBlockKeyTables(grid.nx(), grid.ny(), grid.nz(), grid.blockEdge());
-        createWalkersSorted(stream, makeWalkGridView(grid), request.numberOfWalkers, all, tables);
+        try {
+            // The placement of createWalkersSorted, with its pore tests grouped by block so
+            // that each block is expanded once per batch rather than once per candidate.
+            createWalkersGrouped(stream, makeWalkGridView(grid), total, all, tables);
+            sortWalkersByBlock(all, tables);
+        } catch (const std::bad_alloc&) {
+            console << "Unable to allocate memory for " << total << " walkers" << std::endl;
+            created = false;
+        }
         console << "* Create walkers time: " << mpi::wallTime() - start << std::endl;
     }
-    bool created = true;
     mpi::broadcast(created, kRoot);
+    if (!created) return {};
     walkers.resize(static_cast<std::size_t>(share));
     mpi::scatterPoints(all, walkers, kRoot);
     if (rank == kRoot) {

@@ -94,8 +94,10 @@ bool readRegion(const YAML::Node& node, RegionOfInterestCapableThing& region) {
     for (const Axis& axis : kAxes) {
         const YAML::Node range = node[axis.key];
         if (!range || !range.IsSequence() || range.size() != 2) return false;
-        const auto first = static_cast<std::uint32_t>(range[0].as<std::int32_t>());
-        const auto second = static_cast<std::uint32_t>(range[1].as<std::int32_t>());
+        // Read wide so that bounds up to 2^32 - 1 are taken as written; the wrap of a
+        // negative value to a huge unsigned one is then the rule above.
+        const auto first = static_cast<std::uint32_t>(range[0].as<std::int64_t>());
+        const auto second = static_cast<std::uint32_t>(range[1].as<std::int64_t>());
         if (!(first < second)) throw Exception(axis.invalidMessage);
         (region.*axis.setRange)(first, second);
     }
@@ -107,15 +109,12 @@ YAML::Node encodeRange(std::uint32_t first, std::uint32_t second) {
     YAML::Node range(YAML::NodeType::Sequence);
     range.push_back(first);
     range.push_back(second);
-    range.SetStyle(YAML::EmitterStyle::Flow);
     return range;
 }
 
 YAML::Node encodeSeries(const std::vector<double>& values) {
     YAML::Node node(YAML::NodeType::Sequence);
     for (double v : values) node.push_back(v);
-    // bulkOilT2 and intensityT2 pair up entry by entry; one line each keeps them legible.
-    node.SetStyle(YAML::EmitterStyle::Flow);
     return node;
 }
 

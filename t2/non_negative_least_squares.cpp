@@ -1,7 +1,9 @@
 #include "t2/non_negative_least_squares.h"
 
+#include <algorithm>
 #include <numeric>
 #include <utility>
+#include <vector>
 
 namespace nmr::t2 {
 
@@ -60,16 +62,25 @@ bool NonNegativeLeastSquares::solve(const Eigen::VectorXd& b) {
     w_ = mtb_;
     w_.noalias() -= mtm_ * x_;
 
+    // Variables that entered and were pushed straight out again with a step of zero.
+    // In exact arithmetic a variable with a positive gradient cannot do that; in floating
+    // point nearly parallel columns (neighbouring T2 values) can make it happen, and
+    // choosing the same variable again would repeat the same passes forever. Such a
+    // variable is passed over until the solution moves.
+    std::vector<char> stalled(static_cast<std::size_t>(n), 0);
     while (np_ < n) {
-        Eigen::Index best = np_;
-        for (Eigen::Index k = np_ + 1; k < n; ++k) {
-            if (w_[at(k)] > w_[at(best)]) best = k;
+        Eigen::Index best = -1;
+        for (Eigen::Index k = np_; k < n; ++k) {
+            if (stalled[static_cast<std::size_t>(at(k))]) continue;
+            if (best < 0 || w_[at(k)] > w_[at(best)]) best = k;
         }
-        if (w_[at(best)] - tolerance_ < 0.0) return true;
+        if (best < 0 || w_[at(best)] - tolerance_ < 0.0) return true;
+        const Eigen::Index entering = at(best);
         std::swap(p_[static_cast<std::size_t>(best)], p_[static_cast<std::size_t>(np_)]);
         ++np_;
         factorColumn(np_ - 1);
 
+        bool firstPass = true;
         for (;;) {
             if (iterationLimit_ >= 1 && solveCount_ >= iterationLimit_) return false;
             solvePassive(b);
@@ -89,6 +100,12 @@ bool NonNegativeLeastSquares::solve(const Eigen::VectorXd& b) {
                 }
             }
             if (blocking < 0) break;
+            if (firstPass && alpha == 0.0 && at(blocking) == entering) {
+                stalled[static_cast<std::size_t>(entering)] = 1;
+            } else {
+                std::fill(stalled.begin(), stalled.end(), 0);
+            }
+            firstPass = false;
             for (Eigen::Index k = 0; k < np_; ++k) {
                 const Eigen::Index v = at(k);
                 x_[v] += alpha * (y_[v] - x_[v]);
@@ -101,6 +118,9 @@ bool NonNegativeLeastSquares::solve(const Eigen::VectorXd& b) {
             for (Eigen::Index k = blocking; k < np_; ++k) factorColumn(k);
         }
 
+        if (!stalled[static_cast<std::size_t>(entering)]) {
+            std::fill(stalled.begin(), stalled.end(), 0);  // the solution moved
+        }
         x_ = y_;
         w_ = mtb_;
         w_.noalias() -= mtm_ * x_;

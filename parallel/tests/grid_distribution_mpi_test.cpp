@@ -4,9 +4,11 @@
 #include <sstream>
 
 #include "io/grain_bed_grid_writer.h"
+#include "io/grid_loader.h"
 #include "parallel/grid_distribution.h"
 #include "parallel/message_passing.h"
 #include "walk/block_key_tables.h"
+#include "walk/walker_creation.h"
 
 namespace nmr {
 namespace {
@@ -142,10 +144,30 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     const std::int32_t share = total / size;
     const std::int32_t expected = mpi::rank() == 0 ? share + total % size : share;
     EXPECT_EQ(static_cast<std::int32_t>(walkers.size()), expected);
-    // Each process's run (before process 0's remainder) is in block order.
+    // The walkers are those of the one-at-a-time sorted placement from process 0's
+    // stream, each process holding its run of them and process 0 the remainder too.
     const BlockKeyTables tables = makeBlockKeyTables(200, 200, 200);
-    for (std::int32_t i = 1; i < share; ++i)
-        EXPECT_LE(tables.key(walkers[i - 1]), tables.key(walkers[i]));
+    NullLogger quiet;
+    NullProgressReporter progress;
+    const auto plain = loadSlicedGrid(path, GridLoadOptions{}, quiet, progress);
+    RandomStream reference(77u);
+    std::vector<Walker> placed;
+    createWalkersSorted(reference, makeWalkGridView(*plain), total, placed, tables);
+    std::vector<Walker> mine(placed.begin() + mpi::rank() * share,
+                             placed.begin() + (mpi::rank() + 1) * share);
+    if (mpi::rank() == 0) {
+        mine.insert(mine.end(), placed.begin() + size * share, placed.end());
+    }
+    ASSERT_EQ(walkers.size(), mine.size());
+    for (std::size_t i = 0; i < mine.size(); ++i) {
+        EXPECT_EQ(walkers[i].x, mine[i].x);
+        EXPECT_EQ(walkers[i].y, mine[i].y);
+        EXPECT_EQ(walkers[i].z, mine[i].z);
+    }
+    // The grouped placement leaves process 0's stream where the plain one does.
+    if (mpi::rank() == 0) {
+        EXPECT_EQ(stream.next(), reference.next());
+    }
     for (const Walker& w : walkers)
         EXPECT_EQ(copy.compressed->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
                   Mineral::Pore);
