@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <optional>
 
 #include "app/job_control.h"
@@ -10,8 +9,8 @@
 namespace nmr::app {
 namespace {
 
-// Only process 0 touches the files and owns the scratch directory; the others get its
-// path so that every process makes the same calls.
+// Only process 0 owns the scratch directory; the others ask for Stopped, which must be
+// ignored in favour of process 0's request.
 TEST(JobPoll, EveryProcessGetsProcessZerosVerdict) {
     if (mpi::size() < 2) GTEST_SKIP() << "needs 2+ ranks";
     const int rank = mpi::rank();
@@ -23,13 +22,10 @@ TEST(JobPoll, EveryProcessGetsProcessZerosVerdict) {
         ::testing::internal::CaptureStdout();
     }
     mpi::broadcast(dir, 0);
-    // The other processes ask for Stopped: ignored, only process 0's request counts.
-    const JobStatus otherRequest = JobStatus::Stopped;
-    EXPECT_EQ(pollJobStatus(rank == 0 ? JobStatus::Start : otherRequest, rank, dir),
-              JobStatus::Running);
+    const auto request = [rank](JobStatus zero) { return rank == 0 ? zero : JobStatus::Stopped; };
+    EXPECT_EQ(pollJobStatus(request(JobStatus::Start), rank, dir), JobStatus::Running);
     if (rank == 0) scratch->write("ABORT", "");
-    EXPECT_EQ(pollJobStatus(rank == 0 ? JobStatus::Running : otherRequest, rank, dir),
-              JobStatus::Aborted);
+    EXPECT_EQ(pollJobStatus(request(JobStatus::Running), rank, dir), JobStatus::Aborted);
     EXPECT_EQ(pollJobStatus(JobStatus::Stopped, rank, dir), JobStatus::Stopped);
     if (rank == 0) {
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Job aborted!\nJob stopped\n");

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "app/job_control.h"
@@ -18,66 +16,45 @@ TEST(ProgressSignal, WritesMessageThenProgress) {
     EXPECT_TRUE(sendProgressSignal("Random walk NMR", "Simulating..", 0.25, 1, 2, dir.path()));
     EXPECT_EQ(dir.read("message.txt"), "Random walk NMR#Simulating..#0.25#1#2\n");
     EXPECT_EQ(dir.read("PROGRESS"), "Progress: 0.25\n");
-
     // Default stream formatting: six significant digits, no fixed point.
     EXPECT_TRUE(sendProgressSignal("Initializing", "x", 1.0 / 3.0, 0, 2, dir.path()));
     EXPECT_EQ(dir.read("message.txt"), "Initializing#x#0.333333#0#2\n");
     EXPECT_EQ(dir.read("PROGRESS"), "Progress: 0.333333\n");
-
     EXPECT_FALSE(sendProgressSignal("a", "b", 0.0, 0, 2, dir / "missing"));
 }
 
-struct PollCase {
-    const char* name;
-    std::int32_t request;
-    bool abortFile;
-    JobStatus result;
-    const char* writtenFile;  // nullptr: none
-    const char* content;
-    const char* console;
-};
-
-class StatusEvaluation : public ::testing::TestWithParam<PollCase> {};
-
-TEST_P(StatusEvaluation, FilesConsoleAndVerdict) {
-    const auto& c = GetParam();
-    ScratchDirectory dir("nmr_job");
-    if (c.abortFile) dir.write("ABORT", "");
-    std::ostringstream out;
-    EXPECT_EQ(evaluateJobStatus(static_cast<JobStatus>(c.request), out, dir.path()), c.result);
-    EXPECT_EQ(out.str(), c.console);
-    for (const char* name : {"STARTED", "PROGRESS", "STOPPED"}) {
-        const bool expected = c.writtenFile != nullptr && std::string(name) == c.writtenFile;
-        EXPECT_EQ(dir.exists(name), expected) << name;
-        if (expected) {
-            EXPECT_EQ(dir.read(name), c.content);
-        }
-    }
-    EXPECT_EQ(dir.exists("ABORT"), c.abortFile);  // never removed by the job
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Requests, StatusEvaluation,
-    ::testing::Values(
-        PollCase{"Start", 0, false, JobStatus::Running, "STARTED", "", ""},
-        PollCase{"StartAborted", 0, true, JobStatus::Aborted, "STARTED", "", "Job aborted!\n"},
-        PollCase{"Running", 2, false, JobStatus::Running, "PROGRESS", "Progress Signal\n", ""},
-        PollCase{"RunningAborted", 2, true, JobStatus::Aborted, "PROGRESS", "Progress Signal\n",
-                 "Job aborted!\n"},
-        // Stopping wins over a pending abort.
-        PollCase{"Stopped", 3, true, JobStatus::Stopped, "STOPPED", "", "Job stopped\n"},
-        PollCase{"PlainCheck", 4, true, JobStatus::Aborted, nullptr, "", "Job aborted!\n"},
-        PollCase{"UnknownRequest", 7, false, JobStatus::Running, nullptr, "", ""}),
-    [](const ::testing::TestParamInfo<PollCase>& testCase) { return testCase.param.name; });
-
-TEST(StatusEvaluation, UnwritableJobFileAborts) {
-    ScratchDirectory dir("nmr_job");
-    const auto gone = dir / "gone";
-    for (auto [request, file] :
-         {std::pair{JobStatus::Start, "STARTED"}, std::pair{JobStatus::Running, "PROGRESS"},
-          std::pair{JobStatus::Stopped, "STOPPED"}}) {
+TEST(StatusEvaluation, FilesConsoleAndVerdict) {
+    struct Case {
+        std::int32_t request;
+        bool abortFile;
+        JobStatus result;
+        std::string writtenFile, content, console;  // writtenFile "": none
+    };
+    for (const Case& c : {
+             Case{0, false, JobStatus::Running, "STARTED", "", ""},
+             Case{0, true, JobStatus::Aborted, "STARTED", "", "Job aborted!\n"},
+             Case{2, true, JobStatus::Aborted, "PROGRESS", "Progress Signal\n", "Job aborted!\n"},
+             Case{3, true, JobStatus::Stopped, "STOPPED", "", "Job stopped\n"},  // stop wins
+             Case{4, true, JobStatus::Aborted, "", "", "Job aborted!\n"},
+             Case{7, false, JobStatus::Running, "", "", ""},
+         }) {
+        ScratchDirectory dir("nmr_job");
+        if (c.abortFile) dir.write("ABORT", "");
         std::ostringstream out;
-        EXPECT_EQ(evaluateJobStatus(request, out, gone), JobStatus::Aborted);
+        EXPECT_EQ(evaluateJobStatus(static_cast<JobStatus>(c.request), out, dir.path()), c.result);
+        EXPECT_EQ(out.str(), c.console) << c.request;
+        for (const std::string name : {"STARTED", "PROGRESS", "STOPPED"}) {
+            EXPECT_EQ(dir.exists(name), name == c.writtenFile) << c.request << name;
+        }
+        EXPECT_EQ(c.writtenFile.empty() ? "" : dir.read(c.writtenFile), c.content);
+        EXPECT_EQ(dir.exists("ABORT"), c.abortFile);  // never removed by the job
+    }
+    ScratchDirectory dir("nmr_job");
+    for (auto [request, file] : {std::pair{JobStatus::Start, "STARTED"},
+                                 {JobStatus::Running, "PROGRESS"},
+                                 {JobStatus::Stopped, "STOPPED"}}) {
+        std::ostringstream out;
+        EXPECT_EQ(evaluateJobStatus(request, out, dir / "gone"), JobStatus::Aborted);
         EXPECT_EQ(out.str(),
                   std::string("ERROR: Unable to write ") + file + " file\nJob aborted!\n");
     }
@@ -90,8 +67,7 @@ TEST(StoppedFileGuard, OnlyProcessZeroLeavesAnEmptyStoppedFile) {
     EXPECT_EQ(dir.read("STOPPED"), "stale");
     { StoppedFileGuard root(0, dir.path()); }
     EXPECT_EQ(dir.read("STOPPED"), "");
-    // An unwritable directory is ignored rather than thrown out of a destructor.
-    { StoppedFileGuard root(0, dir / "gone"); }
+    { StoppedFileGuard root(0, dir / "gone"); }  // must not throw out of the destructor
 }
 
 }  // namespace
