@@ -19,16 +19,16 @@ constexpr const char* kMemoryLimit = "memoryLimitInMB";
 constexpr const char* kParameters = "parameters";
 constexpr const char* kTemplatePath = "nmr.yaml";
 
-const OptionSpec* findShort(const std::vector<OptionSpec>& specs, char name) {
-    for (const auto& spec : specs) {
-        if (spec.shortName == name) return &spec;
+const OptionDefinition* findShort(const std::vector<OptionDefinition>& definitions, char name) {
+    for (const auto& definition : definitions) {
+        if (definition.shortName == name) return &definition;
     }
     return nullptr;
 }
 
-const OptionSpec* findLong(const std::vector<OptionSpec>& specs, const std::string& name) {
-    for (const auto& spec : specs) {
-        if (spec.longName == name) return &spec;
+const OptionDefinition* findLong(const std::vector<OptionDefinition>& definitions, const std::string& name) {
+    for (const auto& definition : definitions) {
+        if (definition.longName == name) return &definition;
     }
     return nullptr;
 }
@@ -42,22 +42,22 @@ void printLines(std::ostream& out, const std::string& text) {
 
 }  // namespace
 
-const std::vector<OptionSpec>& programOptions() {
-    static const std::vector<OptionSpec> specs = {
+const std::vector<OptionDefinition>& programOptions() {
+    static const std::vector<OptionDefinition> definitions = {
         {'h', kHelp, false},
         {'V', kVersion, false},
         {'m', kMemoryLimit, true},
         {'p', kParameters, false},
     };
-    return specs;
+    return definitions;
 }
 
-std::optional<ParsedOptions> parseOptions(const std::vector<OptionSpec>& specs,
+std::optional<ParsedOptions> parseOptions(const std::vector<OptionDefinition>& definitions,
                                           const std::vector<std::string>& arguments) {
     ParsedOptions parsed;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& word = arguments[i];
-        const OptionSpec* spec = nullptr;
+        const OptionDefinition* definition = nullptr;
         std::optional<std::string> value;
         if (word.size() > 2 && word.compare(0, 2, "--") == 0) {
             std::string name = word.substr(2);
@@ -65,19 +65,19 @@ std::optional<ParsedOptions> parseOptions(const std::vector<OptionSpec>& specs,
                 value = name.substr(equals + 1);
                 name.erase(equals);
             }
-            spec = findLong(specs, name);
+            definition = findLong(definitions, name);
         } else if (word.size() == 2 && word[0] == '-') {
-            spec = findShort(specs, word[1]);
+            definition = findShort(definitions, word[1]);
         }
-        if (spec == nullptr) return std::nullopt;
+        if (definition == nullptr) return std::nullopt;
 
-        if (spec->takesValue && !value) {
+        if (definition->takesValue && !value) {
             if (i + 1 >= arguments.size()) return std::nullopt;
             value = arguments[++i];
-        } else if (!spec->takesValue && value) {
+        } else if (!definition->takesValue && value) {
             return std::nullopt;
         }
-        parsed[spec->longName].push_back(value.value_or(std::string()));
+        parsed[definition->longName].push_back(value.value_or(std::string()));
     }
     return parsed;
 }

@@ -11,7 +11,7 @@ namespace nmr::app {
 
 constexpr std::uint32_t kDefaultMemoryLimitMB = 1500;
 
-struct OptionSpec {
+struct OptionDefinition {
     char shortName;
     std::string longName;  // also the key of the parsed values
     bool takesValue;
@@ -21,7 +21,7 @@ struct OptionSpec {
 using ParsedOptions = std::map<std::string, std::vector<std::string>>;
 
 // The program's options in the order they are registered.
-const std::vector<OptionSpec>& programOptions();
+const std::vector<OptionDefinition>& programOptions();
 
 // Parses arguments (without the program path). Accepted: "-x" and "--long" for every
 // option; for an option with a value, the next argument is its value whatever it looks
@@ -30,7 +30,7 @@ const std::vector<OptionSpec>& programOptions();
 // option ("-m10"), "=" after a flag, operands and unknown options. The strict form is
 // deliberate: every process of a job parses the same words, and a typo should end the job
 // with the usage text rather than be read as something else.
-std::optional<ParsedOptions> parseOptions(const std::vector<OptionSpec>& specs,
+std::optional<ParsedOptions> parseOptions(const std::vector<OptionDefinition>& definitions,
                                           const std::vector<std::string>& arguments);
 
 // An unsigned 32-bit number in MB. The whole text must be the number: "12a", "-", "" and

@@ -1,5 +1,7 @@
 #include "io/grain_bed_grid_reader.h"
 
+#include <limits>
+
 #include <sstream>
 
 #include "common/exception.h"
@@ -102,6 +104,12 @@ private:
     bool size(const std::string& value, std::uint16_t& target, bool testNx) {
         int parsed = 0;
         if (!integer(value, parsed)) return false;
+        // Sizes are held in 16 bits; a larger one would wrap into a different, wrong
+        // stride through the records, so it is refused rather than stored.
+        if (parsed > std::numeric_limits<std::int16_t>::max()) {
+            logger_.error("Invalid grid size specifier: " + value);
+            return false;
+        }
         target = static_cast<std::uint16_t>(parsed);
         const int tested = testNx ? asSigned(h_.nx) : parsed;
         if (tested < 1) {

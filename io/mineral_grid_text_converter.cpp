@@ -31,7 +31,8 @@ MineralGridTextHeader readHeader(std::istream& in) {
     std::int64_t sizes[3];
     for (auto& n : sizes) n = readValue<std::int64_t>(in);
     for (auto n : sizes) {
-        if (n <= 0 || n > std::numeric_limits<std::uint32_t>::max()) {
+        // A grid file holds its sizes in 16 bits (signed when read back).
+        if (n <= 0 || n > std::numeric_limits<std::int16_t>::max()) {
             throw FileAccessException("Error when importing numbered grains file");
         }
     }

@@ -48,7 +48,7 @@ Options:
 )";
 
 std::unique_ptr<PoreGeometry> makeGeometry(const std::string& kind, const OptionParser& options) {
-    SolidSpec solid;
+    SolidMaterial solid;
     solid.grainMineral = mineralFromName(options.value("--mineral").value_or("Quartz"));
     solid.clayThickness = options.number("--clay-thickness", 0.0);
     auto size = [&](const std::array<std::uint32_t, 3>& fallback) -> std::array<std::uint32_t, 3> {
@@ -83,17 +83,17 @@ std::unique_ptr<PoreGeometry> makeGeometry(const std::string& kind, const Option
     }
     if (kind == "pack") {
         if (!options.has("--size")) throw Exception("The geometry pack needs the option: --size");
-        SpherePackSpec spec;
-        spec.radius = need("--radius");
-        spec.targetPorosity = need("--porosity");
-        spec.radiusSpread = options.number("--radius-spread", 0.0);
-        spec.clayFraction = options.number("--clay-fraction", 1.0);
+        SpherePackSettings definition;
+        definition.radius = need("--radius");
+        definition.targetPorosity = need("--porosity");
+        definition.radiusSpread = options.number("--radius-spread", 0.0);
+        definition.clayFraction = options.number("--clay-fraction", 1.0);
         const std::int64_t seed = options.integer("--seed", 1);
         if (seed < 0) throw Exception("The seed must not be negative: " + std::to_string(seed));
-        spec.seed = static_cast<std::uint64_t>(seed);
-        spec.solid = solid;
+        definition.seed = static_cast<std::uint64_t>(seed);
+        definition.solid = solid;
         const auto n = size(std::array<std::uint32_t, 3>{});
-        return std::make_unique<SpherePack>(n[0], n[1], n[2], spec);
+        return std::make_unique<SpherePack>(n[0], n[1], n[2], definition);
     }
     throw Exception("Geometry must be slab, cylinder, sphere or pack: " + kind);
 }

@@ -10,7 +10,7 @@
 
 namespace nmr::tools {
 
-OptionParser::OptionParser(int argc, const char* const* argv, const Spec& spec) {
+OptionParser::OptionParser(int argc, const char* const* argv, const Definition& definition) {
     bool onlyPositional = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
@@ -29,12 +29,12 @@ OptionParser::OptionParser(int argc, const char* const* argv, const Spec& spec) 
             inlineValue = arg.substr(eq + 1);
             arg.resize(eq);
         }
-        if (const auto alias = spec.aliases.find(arg); alias != spec.aliases.end())
+        if (const auto alias = definition.aliases.find(arg); alias != definition.aliases.end())
             arg = alias->second;
-        if (spec.flags.count(arg)) {
+        if (definition.flags.count(arg)) {
             if (inlineValue) throw Exception("Option takes no value: " + arg);
             values_[arg] = "";
-        } else if (spec.valueOptions.count(arg)) {
+        } else if (definition.valueOptions.count(arg)) {
             if (inlineValue) {
                 values_[arg] = *inlineValue;
             } else if (i + 1 < argc) {

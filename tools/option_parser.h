@@ -16,13 +16,13 @@ namespace nmr::tools {
 // offending argument, so a tool can print it as it stands.
 class OptionParser {
 public:
-    struct Spec {
+    struct Definition {
         std::set<std::string> valueOptions;          // take a value, e.g. "--size"
         std::set<std::string> flags;                 // take none, e.g. "--help"
         std::map<std::string, std::string> aliases;  // "-o" -> "--output"
     };
 
-    OptionParser(int argc, const char* const* argv, const Spec& spec);
+    OptionParser(int argc, const char* const* argv, const Definition& definition);
 
     bool has(const std::string& name) const { return values_.count(name) != 0; }
     std::optional<std::string> value(const std::string& name) const;

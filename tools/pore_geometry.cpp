@@ -24,17 +24,17 @@ GrainBedGridCell poreCell() { return GrainBedGridCell::make(0, Mineral::Pore); }
 GrainBedGridCell clayCell(std::uint32_t grain) {
     return GrainBedGridCell::make(grain, Mineral::Clay);
 }
-GrainBedGridCell grainCell(const SolidSpec& solid, std::uint32_t grain) {
+GrainBedGridCell grainCell(const SolidMaterial& solid, std::uint32_t grain) {
     return GrainBedGridCell::make(grain, solid.grainMineral);
 }
 
 // A pore wall at distance `depth` voxels inside the pore: clay within the coating,
 // open pore beyond it.
-GrainBedGridCell poreSideCell(const SolidSpec& solid, double depth) {
+GrainBedGridCell poreSideCell(const SolidMaterial& solid, double depth) {
     return depth < solid.clayThickness ? clayCell(kWallGrain) : poreCell();
 }
 
-void checkSolid(const SolidSpec& solid) {
+void checkSolid(const SolidMaterial& solid) {
     if (!Mineral::isValid(solid.grainMineral) || solid.grainMineral == Mineral::Pore)
         throw Exception("The grain mineral must be a solid mineral code: " +
                         std::to_string(solid.grainMineral));
@@ -79,7 +79,7 @@ double uniform(std::mt19937_64& rng) { return static_cast<double>(rng() >> 11) *
 }  // namespace
 
 SlabPore::SlabPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, std::uint32_t width,
-                   SolidSpec solid)
+                   SolidMaterial solid)
     : nx_(nx), ny_(ny), nz_(nz), row_(nx) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
@@ -105,7 +105,7 @@ void SlabPore::fillSlice(std::uint32_t, GrainBedGridCell* cells) const {
 }
 
 CylinderPore::CylinderPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
-                           SolidSpec solid)
+                           SolidMaterial solid)
     : nx_(nx), ny_(ny), nz_(nz), slice_(std::size_t{nx} * ny) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
@@ -126,7 +126,7 @@ void CylinderPore::fillSlice(std::uint32_t, GrainBedGridCell* cells) const {
 }
 
 SpherePore::SpherePore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
-                       SolidSpec solid)
+                       SolidMaterial solid)
     : nx_(nx), ny_(ny), nz_(nz), radius_(radius), solid_(solid) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
@@ -148,38 +148,38 @@ void SpherePore::fillSlice(std::uint32_t z, GrainBedGridCell* cells) const {
 }
 
 SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
-                       const SpherePackSpec& spec)
-    : nx_(nx), ny_(ny), nz_(nz), spec_(spec) {
+                       const SpherePackSettings& definition)
+    : nx_(nx), ny_(ny), nz_(nz), spec_(definition) {
     checkSize(nx, ny, nz);
-    checkSolid(spec.solid);
-    if (!(spec.targetPorosity > 0.0 && spec.targetPorosity < 1.0))
+    checkSolid(definition.solid);
+    if (!(definition.targetPorosity > 0.0 && definition.targetPorosity < 1.0))
         throw Exception("The target porosity must lie strictly between 0 and 1: " +
-                        std::to_string(spec.targetPorosity));
-    if (!(spec.radius > 0.0))
-        throw Exception("The grain radius must be positive: " + std::to_string(spec.radius));
-    if (!(spec.radiusSpread >= 0.0 && spec.radiusSpread < 1.0))
+                        std::to_string(definition.targetPorosity));
+    if (!(definition.radius > 0.0))
+        throw Exception("The grain radius must be positive: " + std::to_string(definition.radius));
+    if (!(definition.radiusSpread >= 0.0 && definition.radiusSpread < 1.0))
         throw Exception("The radius spread must lie in [0, 1): " +
-                        std::to_string(spec.radiusSpread));
-    if (!(spec.clayFraction >= 0.0 && spec.clayFraction <= 1.0))
+                        std::to_string(definition.radiusSpread));
+    if (!(definition.clayFraction >= 0.0 && definition.clayFraction <= 1.0))
         throw Exception("The clay fraction must lie in [0, 1]: " +
-                        std::to_string(spec.clayFraction));
-    const double coating = spec.clayFraction > 0.0 ? spec.solid.clayThickness : 0.0;
-    maxReach_ = spec.radius * (1.0 + spec.radiusSpread) + coating;
+                        std::to_string(definition.clayFraction));
+    const double coating = definition.clayFraction > 0.0 ? definition.solid.clayThickness : 0.0;
+    maxReach_ = definition.radius * (1.0 + definition.radiusSpread) + coating;
 
     // First guess from the Boolean model, where the pore fraction left by a density n of
     // spheres of volume v is exp(-n v); mean (r + c)^3 over r uniform in [a, b].
-    const double a = spec.radius * (1.0 - spec.radiusSpread),
-                 b = spec.radius * (1.0 + spec.radiusSpread);
+    const double a = definition.radius * (1.0 - definition.radiusSpread),
+                 b = definition.radius * (1.0 + definition.radiusSpread);
     auto meanCube = [&](double c) {
         return b > a ? (std::pow(b + c, 4) - std::pow(a + c, 4)) / (4.0 * (b - a))
                      : std::pow(a + c, 3);
     };
     const double meanVolume =
         4.0 / 3.0 * M_PI *
-        (spec.clayFraction * meanCube(coating) + (1.0 - spec.clayFraction) * meanCube(0.0));
+        (definition.clayFraction * meanCube(coating) + (1.0 - definition.clayFraction) * meanCube(0.0));
     const double box = (nx + 2.0 * maxReach_) * (ny + 2.0 * maxReach_) * (nz + 2.0 * maxReach_);
     auto count =
-        static_cast<std::size_t>(-std::log(spec.targetPorosity) * box / meanVolume * 1.25) + 16;
+        static_cast<std::size_t>(-std::log(definition.targetPorosity) * box / meanVolume * 1.25) + 16;
 
     const double total = static_cast<double>(nx) * ny * nz;
     std::vector<Sphere> candidates;
@@ -187,17 +187,17 @@ SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
     for (;;) {
         drawSpheres(candidates, count);
         pores = poreCountByPrefix(candidates);
-        if (static_cast<double>(pores.back()) / total <= spec.targetPorosity) break;
+        if (static_cast<double>(pores.back()) / total <= definition.targetPorosity) break;
         if (count > kNoSphere / 2)
             throw Exception("The target porosity cannot be reached: " +
-                            std::to_string(spec.targetPorosity));
+                            std::to_string(definition.targetPorosity));
         count = count * 3 / 2 + 16;
     }
     // Smallest prefix at or below the target, or the one before it if that is closer.
     std::size_t k = 0;
-    while (static_cast<double>(pores[k]) / total > spec.targetPorosity) ++k;
-    if (k > 0 && static_cast<double>(pores[k - 1]) / total - spec.targetPorosity <
-                     spec.targetPorosity - static_cast<double>(pores[k]) / total)
+    while (static_cast<double>(pores[k]) / total > definition.targetPorosity) ++k;
+    if (k > 0 && static_cast<double>(pores[k - 1]) / total - definition.targetPorosity <
+                     definition.targetPorosity - static_cast<double>(pores[k]) / total)
         --k;
     candidates.resize(k);
     porosity_ = static_cast<double>(pores[k]) / total;

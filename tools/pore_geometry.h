@@ -25,7 +25,7 @@ public:
 
 // What the solid is made of. Clay, when thickness > 0, coats the grain surfaces on the
 // pore side: it takes pore space, it does not eat into the grains.
-struct SolidSpec {
+struct SolidMaterial {
     Mineral::Type grainMineral = Mineral::Quartz;
     double clayThickness = 0.0;  // voxels
 };
@@ -37,7 +37,7 @@ class SlabPore final : public PoreGeometry {
 public:
     // Throws nmr::Exception when the slab leaves no solid layer on either side in x.
     SlabPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, std::uint32_t width,
-             SolidSpec solid);
+             SolidMaterial solid);
     std::uint32_t nx() const override { return nx_; }
     std::uint32_t ny() const override { return ny_; }
     std::uint32_t nz() const override { return nz_; }
@@ -54,7 +54,7 @@ class CylinderPore final : public PoreGeometry {
 public:
     // Throws nmr::Exception when the pore would touch the x or y faces.
     CylinderPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
-                 SolidSpec solid);
+                 SolidMaterial solid);
     std::uint32_t nx() const override { return nx_; }
     std::uint32_t ny() const override { return ny_; }
     std::uint32_t nz() const override { return nz_; }
@@ -70,7 +70,7 @@ class SpherePore final : public PoreGeometry {
 public:
     // Throws nmr::Exception when the pore would touch a face of the grid.
     SpherePore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
-               SolidSpec solid);
+               SolidMaterial solid);
     std::uint32_t nx() const override { return nx_; }
     std::uint32_t ny() const override { return ny_; }
     std::uint32_t nz() const override { return nz_; }
@@ -79,16 +79,16 @@ public:
 private:
     std::uint32_t nx_, ny_, nz_;
     double radius_;
-    SolidSpec solid_;
+    SolidMaterial solid_;
 };
 
-struct SpherePackSpec {
+struct SpherePackSettings {
     double radius = 8.0;          // mean grain radius, voxels
     double radiusSpread = 0.0;    // radii uniform in radius * [1 - spread, 1 + spread]
     double targetPorosity = 0.2;  // fraction of pore voxels wanted, after the clay coating
     double clayFraction = 1.0;    // share of grains that carry the clay coating
     std::uint64_t seed = 1;
-    SolidSpec solid;
+    SolidMaterial solid;
 };
 
 // Grains as overlapping spheres with centres uniformly at random (a Boolean model),
@@ -107,7 +107,7 @@ public:
 
     // Throws nmr::Exception on a porosity outside (0, 1), a non-positive radius, a
     // spread outside [0, 1) or a clay fraction outside [0, 1].
-    SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, const SpherePackSpec& spec);
+    SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, const SpherePackSettings& definition);
     std::uint32_t nx() const override { return nx_; }
     std::uint32_t ny() const override { return ny_; }
     std::uint32_t nz() const override { return nz_; }
@@ -128,7 +128,7 @@ private:
                                                    std::uint32_t z) const;
 
     std::uint32_t nx_, ny_, nz_;
-    SpherePackSpec spec_;
+    SpherePackSettings spec_;
     double maxReach_ = 0.0;        // largest radius + coating, voxels
     std::vector<Sphere> spheres_;  // the kept spheres, ordered by centre z
     double porosity_ = 1.0;

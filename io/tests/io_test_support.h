@@ -33,25 +33,24 @@ public:
     std::vector<std::string> infos, warnings, errors;
 };
 
-// Asks to cancel from the start; stepChecked() then throws as a real reporter does.
-class CancellingProgress : public NullProgressReporter {
-public:
-    void stepChecked() override { throw UserCancelException("Cancelled by test"); }
-    bool cancelRequested() const override { return true; }
-};
+// The message of the E that f throws, or "no exception".
+template <typename E = Exception, typename F>
+std::string messageOf(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.message();
+    }
+    return "no exception";
+}
 
-// A fresh directory per test, removed afterwards.
 class TempDirTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "nmr-io-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-    }
+    void SetUp() override { ASSERT_NE(mkdtemp(dir_.data()), nullptr); }
     void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string path(const std::string& name) const { return (dir_ / name).string(); }
+    std::string path(const std::string& name) const { return dir_ + "/" + name; }
 
-    std::filesystem::path dir_;
+    std::string dir_ = (std::filesystem::temp_directory_path() / "nmr-io-XXXXXX").string();
 };
 
 inline std::string readRaw(const std::string& path) {
@@ -109,10 +108,8 @@ inline std::string gridFileContent(std::uint32_t nx, std::uint32_t ny, std::uint
     std::string content = grain_bed_grid::descriptionBlock() +
                           grain_bed_grid::headerBlock(nx, ny, nz, margin, margin, margin, 2.5);
     for (std::uint32_t code : codes) {
-        const GrainBedGridCell cell = GrainBedGridCell::make(7, code, 3);
-        char record[4];
-        grain_bed_grid::encodeRecords(&cell, 1, record);
-        content.append(record, 4);
+        const std::uint32_t word = GrainBedGridCell::make(7, code, 3).word;
+        for (int shift = 0; shift < 32; shift += 8) content += static_cast<char>(word >> shift);
     }
     return content;
 }
