@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <string>
 
 #include "t2/l_curve.h"
 
@@ -20,60 +19,38 @@ Eigen::Vector2d logNorms(double lambda, const Eigen::VectorXd& beta, const Eigen
             std::log((f * beta.array() / s.array()).matrix().norm())};
 }
 
-TEST(LCurveNegativeCurvature, MatchesTheCurvatureOfTheLogLogCurve) {
-    const Eigen::VectorXd s = vec({3.0, 0.7, 0.05, 1e-3});
-    const Eigen::VectorXd beta = vec({1.0, -0.4, 0.02, 1e-4});
-    const Eigen::VectorXd xi = (beta.array() / s.array()).matrix();
+TEST(LCurve, NegativeCurvatureMatchesFiniteDifferencesOfTheLogLogCurve) {
+    const Eigen::VectorXd s = vec({3.0, 0.7, 0.05, 1e-3}), beta = vec({1.0, -0.4, 0.02, 1e-4});
     for (double lambda : {2e-3, 0.02, 0.3, 1.5}) {
-        // Central differences with step 1e-3 lambda: truncation ~1e-6 relative, rounding
-        // ~1e-10, so the analytic value must agree to 1e-4 relative.
+        // Step 1e-3 lambda: truncation ~1e-6 relative, rounding ~1e-10.
         const double h = 1e-3 * lambda;
-        const Eigen::Vector2d p0 = logNorms(lambda, beta, s);
-        const Eigen::Vector2d pp = logNorms(lambda + h, beta, s);
-        const Eigen::Vector2d pm = logNorms(lambda - h, beta, s);
-        const Eigen::Vector2d d = (pp - pm) / (2 * h);
-        const Eigen::Vector2d dd = (pp - 2 * p0 + pm) / (h * h);
+        const Eigen::Vector2d p0 = logNorms(lambda, beta, s), pp = logNorms(lambda + h, beta, s),
+                              pm = logNorms(lambda - h, beta, s);
+        const Eigen::Vector2d d = (pp - pm) / (2 * h), dd = (pp - 2 * p0 + pm) / (h * h);
         const double expected = -(d.x() * dd.y() - dd.x() * d.y()) / std::pow(d.squaredNorm(), 1.5);
-        EXPECT_NEAR(lCurveNegativeCurvature(lambda, beta, s, xi), expected,
-                    1e-4 * std::abs(expected));
+        EXPECT_NEAR(lCurveNegativeCurvature(lambda, beta, s, (beta.array() / s.array()).matrix()),
+                    expected, 1e-4 * std::abs(expected));
     }
 }
 
-struct EndCase {
-    const char* name;
-    double beta1;
-    int best;
-};
-
-class LCurveEnds : public ::testing::TestWithParam<EndCase> {};
-
-// With s = (1, 0.01), a large second coefficient puts the sharpest bend at the largest candidate, a
-// tiny one at the smallest; the search interval must stay on the candidate grid.
-TEST_P(LCurveEnds, BrentIntervalIsClampedToTheCandidateGrid) {
-    const EndCase& c = GetParam();
+// With s = (1, 0.01) a large second coefficient puts the sharpest bend at the largest
+// candidate, a tiny one at the smallest; the search interval must stay on the grid.
+TEST(LCurve, BracketIsClampedToTheFirstAndLastCandidate) {
     const Eigen::VectorXd s = vec({1.0, 0.01});
-    const Eigen::VectorXd beta = vec({1.0, c.beta1});
-    const LCurveBracket b = lCurveBracket(beta, s);
-    // The smallest candidate is the last singular value; 99 multiplications by q bring
-    // the largest back to s0 within a few ulps.
-    EXPECT_EQ(b.candidates[99], s[1]);
-    EXPECT_NEAR(b.candidates[0], s[0], 1e-13 * s[0]);
-    ASSERT_EQ(b.best, c.best);
-    const int lower = c.best == 0 ? 1 : 99;
-    EXPECT_EQ(b.lower, b.candidates[static_cast<std::size_t>(lower)]);
-    EXPECT_EQ(b.upper, b.candidates[static_cast<std::size_t>(lower - 1)]);
-    const double lambda = lCurveCorner(beta, s);
-    EXPECT_GE(lambda, b.lower);
-    EXPECT_LE(lambda, b.upper);
-}
-
-INSTANTIATE_TEST_SUITE_P(Ends, LCurveEnds,
-                         ::testing::Values(EndCase{"First", 1000.0, 0}, EndCase{"Last", 1e-6, 99}),
-                         [](const ::testing::TestParamInfo<EndCase>& c) {
-                             return std::string(c.param.name);
-                         });
-
-TEST(LCurveBracket, SmallestCandidateIsFlooredAtSixteenEpsilonOfTheLargest) {
+    for (const auto& [beta1, best] : {std::pair{1000.0, 0}, std::pair{1e-6, 99}}) {
+        const Eigen::VectorXd beta = vec({1.0, beta1});
+        const LCurveBracket b = lCurveBracket(beta, s);
+        EXPECT_EQ(b.candidates[99], s[1]);
+        EXPECT_NEAR(b.candidates[0], s[0], 1e-13);
+        ASSERT_EQ(b.best, best);
+        const std::size_t lower = best == 0 ? 1 : 99;
+        EXPECT_EQ(b.lower, b.candidates[lower]);
+        EXPECT_EQ(b.upper, b.candidates[lower - 1]);
+        const double lambda = lCurveCorner(beta, s);
+        EXPECT_GE(lambda, b.lower);
+        EXPECT_LE(lambda, b.upper);
+    }
+    // The smallest candidate is floored at 16 eps of the largest.
     EXPECT_EQ(lCurveBracket(vec({1.0, 1.0}), vec({2.0, 1e-20})).candidates[99],
               2.0 * 3.552713678800501e-15);
 }

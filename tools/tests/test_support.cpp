@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -19,12 +18,13 @@ TempDir::TempDir() {
     path_ = pattern;
 }
 
-TempDir::~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
-
-CommandResult runCommand(const std::string& command) {
+CommandResult run(const std::vector<std::string>& argv) {
+    std::string command;
+    for (const std::string& word : argv) {
+        command += " '";
+        for (char c : word) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        command += "'";
+    }
     CommandResult result;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (!pipe) return result;
@@ -34,16 +34,6 @@ CommandResult runCommand(const std::string& command) {
     const int status = pclose(pipe);
     result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
-}
-
-std::string shellQuote(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
-std::string toolPath(const std::string& name) {
-    return std::string(NMR_TOOLS_BINARY_DIR) + "/" + name;
 }
 
 GridFile readGridFile(const std::string& path) {
@@ -56,16 +46,7 @@ GridFile readGridFile(const std::string& path) {
     gzclose(in);
     const std::size_t cells = file.bytes.find("\ncells\n");
     if (cells == std::string::npos) throw std::runtime_error("no cells line in " + path);
-    std::istringstream header(file.bytes.substr(0, cells));
-    for (std::string line; std::getline(header, line);) {
-        const auto eq = line.find(" = ");
-        if (line.empty() || line[0] == '#' || eq == std::string::npos ||
-            line.rfind("mineral", 0) == 0)
-            continue;
-        file.header[line.substr(0, eq)] = line.substr(eq + 3);
-    }
-    const std::size_t begin = cells + 7;
-    for (std::size_t i = begin; i + 4 <= file.bytes.size(); i += 4) {
+    for (std::size_t i = cells + 7; i + 4 <= file.bytes.size(); i += 4) {
         const auto* b = reinterpret_cast<const unsigned char*>(file.bytes.data() + i);
         file.cells.push_back(GrainBedGridCell{std::uint32_t{b[0]} | std::uint32_t{b[1]} << 8 |
                                               std::uint32_t{b[2]} << 16 |
@@ -75,22 +56,13 @@ GridFile readGridFile(const std::string& path) {
 }
 
 void writeBytes(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary) << bytes;
 }
 
 std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
-}
-
-std::filesystem::path sharedDataDir() {
-    const char* source = std::getenv("NMR_SOURCE_DIR");
-    if (!source) return {};
-    const std::filesystem::path dir = std::filesystem::path(source) / ".." / "shared" / "data";
-    return std::filesystem::is_directory(dir) ? dir : std::filesystem::path{};
 }
 
 }  // namespace nmr::tools::testing

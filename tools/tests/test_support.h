@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstdint>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -14,7 +12,7 @@ namespace nmr::tools::testing {
 class TempDir {
 public:
     TempDir();
-    ~TempDir();
+    ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     const std::filesystem::path& path() const { return path_; }
@@ -22,30 +20,29 @@ public:
 
 private:
     std::filesystem::path path_;
+    std::error_code ignored_;
 };
 
 struct CommandResult {
-    int status = -1;     // exit status, -1 when the command did not exit normally
+    int status = -1;     // -1 when the command did not exit normally
     std::string output;  // stdout and stderr together
 };
-CommandResult runCommand(const std::string& command);
-// Quotes an argument for /bin/sh.
-std::string shellQuote(const std::string& text);
+// Runs argv through /bin/sh, every word quoted.
+CommandResult run(const std::vector<std::string>& argv);
 // A tool built into the build directory's root, e.g. "nmrwalk-grid".
-std::string toolPath(const std::string& name);
+inline std::string toolPath(const std::string& name) { return NMR_TOOLS_BINARY_DIR "/" + name; }
 
-// A grain bed grid file decompressed and split into its header keys and its cells.
+// A grain bed grid file decompressed: its cells, and every line of its header.
 struct GridFile {
-    std::map<std::string, std::string> header;  // "nx" -> "10", ...; mineral lines left out
     std::vector<GrainBedGridCell> cells;
     std::string bytes;  // the whole decompressed content
+    bool hasLine(const std::string& line) const {
+        return bytes.find("\n" + line + "\n") < bytes.find("\ncells\n");
+    }
 };
 GridFile readGridFile(const std::string& path);
 
 void writeBytes(const std::string& path, const std::string& bytes);
 std::string readText(const std::string& path);
-
-// The shared real-data folder beside the checkout, or an empty path when it is absent.
-std::filesystem::path sharedDataDir();
 
 }  // namespace nmr::tools::testing
