@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 #include <vector>
 
 #include "grid/sliced_grid.h"
@@ -13,23 +14,6 @@ namespace {
 
 using MineralGrid = SlicedGrid<Mineral::Type>;
 
-// A closed box: a one-voxel shell of `wall` around n - 2 pore voxels per axis.
-MineralGrid makeBox(std::uint32_t n, Mineral::Type wall = Mineral::Quartz) {
-    MineralGrid grid(n, n, n, 0, 0, 0, 1.0);
-    for (std::uint32_t z = 0; z < n; ++z)
-        for (std::uint32_t y = 0; y < n; ++y)
-            for (std::uint32_t x = 0; x < n; ++x)
-                if (std::min({x, y, z}) == 0 || std::max({x, y, z}) == n - 1)
-                    grid.sliceData(z)[y * n + x] = wall;
-    return grid;
-}
-
-AbsorptionTable uniformTable(double p) {
-    AbsorptionTable table(static_cast<std::size_t>(Mineral::count()), p);
-    table[Mineral::Pore] = 0.0;
-    return table;
-}
-
 std::vector<Walker> walkersIn(const MineralGrid& grid, int n, std::uint32_t seed) {
     RandomStream stream(seed);
     std::vector<Walker> walkers;
@@ -37,163 +21,85 @@ std::vector<Walker> walkersIn(const MineralGrid& grid, int n, std::uint32_t seed
     return walkers;
 }
 
-TEST(Mirroring, ViewTruncatesTowardZeroAndAxisCacheAgreesWithMirrorIndex) {
-    MineralGrid grid(4, 1, 1, 0, 0, 0, 1.0);
-    grid.sliceData(0)[1] = Mineral::Quartz;
-    grid.sliceData(0)[3] = Mineral::Clay;
-    const auto view = makeWalkGridView(grid);
-    EXPECT_EQ(view.mineralAt(-1.5, 0.0, 0.0), Mineral::Quartz);  // -1 mirrors to 1
-    EXPECT_EQ(view.mineralAt(-0.99, 0.0, 0.0), Mineral::Pore);   // truncates to 0
-    EXPECT_EQ(view.mineralAt(-3.5, -7.0, 3.9), Mineral::Clay);   // size-1 axes map to 0
-    EXPECT_EQ(view.mineralAt(5.0, 0.0, 0.0), Mineral::Quartz);   // 5 mirrors to 1
-
-    for (std::uint32_t n : {1u, 2u, 3u, 7u, 256u}) {
-        MirrorAxis axis(n);
-        // Slowly through many periods both ways, then wide jumps.
-        for (std::int32_t i = -2000; i <= 2000; ++i) ASSERT_EQ(axis(i), mirrorIndex(i, n)) << n;
-        for (std::int32_t i = 2000; i >= -2000; i -= 3) ASSERT_EQ(axis(i), mirrorIndex(i, n)) << n;
-        for (std::int32_t i : {INT32_MIN, INT32_MAX, 0, 1000000007, -999999999, INT32_MIN + 1})
-            ASSERT_EQ(axis(i), mirrorIndex(i, n)) << n << " at " << i;
-    }
-}
+auto position(const Walker& w) { return std::tie(w.x, w.y, w.z); }
 
 // The walk draw by draw, written plainly: the reference for the batched loop.
 bool referenceSteps(RandomStream& stream, Walker& w, std::uint32_t count, double s,
                     const WalkGridView<MineralGrid>& view, const AbsorptionTable& p) {
     for (std::uint32_t n = 0; n < count; ++n) {
-        const double dz = 2.0 * (stream.next() - 1.0) - 1.0;
-        const double dy = 2.0 * (stream.next() - 1.0) - 1.0;
-        const double dx = 2.0 * (stream.next() - 1.0) - 1.0;
+        auto u = [&stream] { return 2.0 * (stream.next() - 1.0) - 1.0; };
+        const double dz = u(), dy = u(), dx = u();  // in this order
         const double f = s / std::sqrt(dz * dz + (dx * dx + dy * dy));
-        const Walker old = w;
-        w = Walker{w.x + f * dx, w.y + f * dy, w.z + f * dz};
-        const Mineral::Type code = view.mineralAt(w.x, w.y, w.z);
-        if (code == Mineral::Pore) continue;
-        if (p[code] > stream.next() - 1.0) return true;
-        w = old;
+        const Walker next{w.x + f * dx, w.y + f * dy, w.z + f * dz};
+        const Mineral::Type code = view.mineralAt(next.x, next.y, next.z);
+        const bool absorbed = code != Mineral::Pore && p[code] > stream.next() - 1.0;
+        if (code == Mineral::Pore || absorbed) w = next;
+        if (absorbed) return true;
     }
     return false;
 }
 
-TEST(WalkInterval, MatchesTheDrawByDrawWalkBitForBit) {
-    // Frequent contacts and runs of every length across block ends, so regenerations
-    // fall on every draw position of a step.
-    const auto grid = makeBox(5);
+TEST(WalkInterval, SameSeedGivesTheDrawByDrawWalkBitForBitThroughTheMirroredGrid) {
+    // Walkers wander through many mirror periods (and a size-1 axis), touch the scattered
+    // solids often, and regenerations fall on every draw position of a step.
+    MineralGrid grid(6, 1, 5, 0, 0, 0, 1.0);
+    for (auto [x, z] : {std::pair{3, 0}, {1, 1}, {4, 3}, {2, 4}})
+        grid.sliceData(z)[x] = Mineral::Quartz;
     const auto view = makeWalkGridView(grid);
-    const auto table = uniformTable(0.02);
+    EXPECT_EQ(view.mineralAt(-1.5, 0.0, 1.5), Mineral::Quartz);   // -1 mirrors to 1
+    EXPECT_EQ(view.mineralAt(-0.99, 0.0, 1.5), Mineral::Pore);    // truncates to 0
+    EXPECT_EQ(view.mineralAt(-4.5, -9.0, 5.5), Mineral::Quartz);  // (-4, 5) to (4, 3), y to 0
+    const AbsorptionTable table(Mineral::count(), 0.01);
     RandomStream fast(21u), slow(21u);
     int absorbed = 0;
     for (const Walker& start : walkersIn(grid, 60, 5u)) {
         Walker a = start, b = start;
-        for (std::uint32_t count : {1u, 2u, 5u, 97u, 383u, 1000u}) {
+        for (std::uint32_t count : {1u, 2u, 5u, 97u, 383u, 1000u, 3000u}) {
             const bool hit = walkInterval(fast, a, count, 0.7, view, table);
             ASSERT_EQ(hit, referenceSteps(slow, b, count, 0.7, view, table));
-            ASSERT_TRUE(a.x == b.x && a.y == b.y && a.z == b.z);
-            if (hit) {
-                ++absorbed;
-                break;
-            }
+            ASSERT_EQ(position(a), position(b));
+            absorbed += hit;
+            if (hit) break;
+            ASSERT_EQ(view.mineralAt(a.x, a.y, a.z), Mineral::Pore) << "held back at walls";
         }
     }
     EXPECT_GT(absorbed, 10) << "absorbing steps must be covered too";
     EXPECT_EQ(fast.next(), slow.next());
 }
 
-TEST(WalkInterval, StepsHaveExactLengthAndNeverEndInSolid) {
-    const auto grid = makeBox(6);
+TEST(WalkWalker, AbsorbedAtTheFirstContactOnlyWhereTheTableSays) {
+    // One step per interval in a 4^3 pore walled by quartz and matrix: with absorption 1 the
+    // result is the first contact, found on a copy of the stream with absorption 0. Walkers at
+    // x < 3 walk in the fine phase, the rest in the coarse one (the other's step and table
+    // would show). With absorption 0 a walker survives, reports 0, stays in the pore.
+    MineralGrid grid(6, 6, 6, 0, 0, 0, 1.0);
+    for (std::uint32_t i = 0; i < 216; ++i) {
+        const std::uint32_t x = i % 6, y = i / 6 % 6, z = i / 36;
+        if (std::min({x, y, z}) == 0 || std::max({x, y, z}) == 5)
+            grid.sliceData(z)[i % 36] = x % 5 == 0 ? Mineral::Matrix : Mineral::Quartz;
+    }
     const auto view = makeWalkGridView(grid);
-    const auto never = uniformTable(0.0);
-    RandomStream stream(8u);
-    for (Walker w : walkersIn(grid, 50, 9u)) {
-        for (int n = 0; n < 200; ++n) {
-            const Walker before = w;
-            ASSERT_FALSE(walkInterval(stream, w, 1, 0.4, view, never));
-            const double moved = std::hypot(w.x - before.x, w.y - before.y, w.z - before.z);
-            // Held back at a wall, or moved 0.4 up to rounding of the coordinates.
-            ASSERT_TRUE(moved == 0.0 || std::abs(moved - 0.4) < 1e-12) << moved;
-            ASSERT_EQ(view.mineralAt(w.x, w.y, w.z), Mineral::Pore);
-        }
-    }
-}
-
-class WalkWalkerTest : public ::testing::Test {
-protected:
-    MineralGrid grid_ = makeBox(6);
-    WalkGridView<MineralGrid> view_ = makeWalkGridView(grid_);
-    std::vector<std::uint32_t> steps_ = std::vector<std::uint32_t>(kIntervalCount, 10u);
-    AbsorptionTable always_ = uniformTable(1.0);
-    AbsorptionTable never_ = uniformTable(0.0);
-};
-
-TEST_F(WalkWalkerTest, ZeroRelaxivityAndMatrixNeverAbsorb) {
-    MineralValueMap<double> rho;
-    rho.set(Mineral::Matrix, 1.0);  // would absorb on every contact, were it not matrix
-    AbsorptionTable table;
-    buildAbsorptionTable(rho, 0.5, 1e-6, 2.3e-9, table);
-    const auto matrixBox = makeBox(6, Mineral::Matrix);
-    RandomStream stream(1u);
-    for (const Walker& w : walkersIn(grid_, 20, 2u)) {
-        EXPECT_EQ(walkWalker(stream, w, view_, steps_, 100, 0.25, 0.5, table, table), 0u);
-        EXPECT_EQ(walkWalker(stream, w, makeWalkGridView(matrixBox), steps_, 100, 0.25, 0.5, table,
-                             table),
-                  0u);
-    }
-}
-
-TEST_F(WalkWalkerTest, CertainAbsorptionEndsAtTheFirstContact) {
-    // One step per interval: the result is the step of the first contact, found by
-    // walking a copy of the stream step by step with a table that never absorbs.
+    const AbsorptionTable never(Mineral::count(), 0.0), always(Mineral::count(), 1.0);
     const std::vector<std::uint32_t> single(kIntervalCount, 1u);
     RandomStream stream(33u);
-    int checked = 0;
-    for (const Walker& start : walkersIn(grid_, 40, 4u)) {
+    for (Walker start : walkersIn(grid, 40, 4u)) {
         RandomStream probe = stream;
-        Walker w = start;
+        Walker w = start, before = start;
         std::uint32_t contact = 0;
-        for (; contact < kIntervalCount; ++contact) {
-            const Walker before = w;
-            walkInterval(probe, w, 1, 0.5, view_, never_);
-            if (w.x == before.x && w.y == before.y && w.z == before.z) break;
+        for (; contact < kIntervalCount; ++contact, before = w) {
+            walkInterval(probe, w, 1, 0.5, view, never);
+            if (position(w) == position(before)) break;
         }
-        const auto result = walkWalker(stream, start, view_, single, 0, 0.25, 0.5, never_, always_);
-        // Without a contact the walker survives and reports 0.
-        EXPECT_EQ(result, contact == kIntervalCount ? 0u : contact);
-        if (contact < kIntervalCount) {
-            ++checked;
-            EXPECT_EQ(probe.next(), RandomStream(stream).next()) << "same draws taken";
-        }
+        ASSERT_LT(contact, kIntervalCount);
+        EXPECT_EQ(start.x < 3.0
+                      ? walkWalker(stream, start, view, single, 300, 0.5, 2, always, never)
+                      : walkWalker(stream, start, view, single, 0, 2, 0.5, never, always),
+                  contact);
+        EXPECT_EQ(probe.next(), RandomStream(stream).next()) << "same draws taken";
+        EXPECT_EQ(walkWalker(stream, start, view, single, 100, 0.5, 0.5, never, never), 0u);
+        ASSERT_FALSE(walkInterval(stream, start, 2000, 0.5, view, never));
+        EXPECT_EQ(view.mineralAt(start.x, start.y, start.z), Mineral::Pore);
     }
-    EXPECT_GT(checked, 30);
-}
-
-TEST_F(WalkWalkerTest, FinePhaseUsesTheFineStepAndTable) {
-    // From the centre of a 10-voxel pore ten half-voxel steps cannot reach a wall: no
-    // absorption in interval 0, so a result of 0 means survival.
-    const auto big = makeBox(12);
-    const auto view = makeWalkGridView(big);
-    const Walker centre{6.0, 6.0, 6.0};
-    RandomStream stream(6u);
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_GT(walkWalker(stream, centre, view, steps_, 300, 0.5, 0.5, always_, never_), 0u);
-        EXPECT_EQ(walkWalker(stream, centre, view, steps_, 0, 0.5, 0.5, always_, never_), 0u);
-        // A zero fine step does not move: no contact before the coarse phase starts.
-        EXPECT_GT(walkWalker(stream, centre, view, steps_, 150, 0.0, 0.5, always_, always_), 150u);
-    }
-}
-
-TEST_F(WalkWalkerTest, SameSeedSameResults) {
-    const auto table = uniformTable(0.05);
-    auto run = [&](std::uint32_t seed) {
-        RandomStream stream(seed);
-        std::vector<std::uint32_t> results;
-        for (const Walker& w : walkersIn(grid_, 100, seed))
-            results.push_back(walkWalker(stream, w, view_, steps_, 20, 0.25, 0.5, table, table));
-        return results;
-    };
-    const auto first = run(77u);
-    EXPECT_EQ(first, run(77u));
-    EXPECT_NE(first, run(78u));
-    for (std::uint32_t r : first) EXPECT_LT(r, kIntervalCount);
 }
 
 }  // namespace
