@@ -125,26 +125,5 @@ TEST(MessagePassing, StringFromAnySourceUsesTheHeaderRank) {
     }
 }
 
-TEST(MessagePassing, PointToPointAndGather) {
-    const int rank = mpi::rank();
-    const int size = mpi::size();
-    if (size < 2) GTEST_SKIP() << "needs 2+ ranks";
-    if (rank == 0) {
-        mpi::send(std::vector<double>{1.0, 2.0}, 1, 3);
-    } else if (rank == 1) {
-        std::vector<double> got(2);
-        mpi::receive(got, 0, 3);
-        EXPECT_EQ(got, (std::vector<double>{1.0, 2.0}));
-    }
-    const auto ranks = mpi::allGather(rank * 10);
-    std::vector<int> expected(static_cast<std::size_t>(size));
-    for (int r = 0; r < size; ++r) expected[static_cast<std::size_t>(r)] = r * 10;
-    EXPECT_EQ(ranks, expected);
-    const auto gathered = mpi::gather(static_cast<float>(rank), 0);
-    if (rank == 0) {
-        EXPECT_EQ(gathered.size(), static_cast<std::size_t>(size));
-    }
-}
-
 }  // namespace
 }  // namespace nmr
