@@ -103,11 +103,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const nmr::Exception& e) {
-        std::cerr << "nmrwalk-analytic: error: " << e.message() << "\n";
-    }
-    return 1;
-}
+int main(int argc, char** argv) { return nmr::tools::runTool("nmrwalk-analytic", run, argc, argv); }

@@ -140,13 +140,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const nmr::Exception& e) {
-        std::cerr << "nmrwalk-grid: error: " << e.message() << "\n";
-    } catch (const std::exception& e) {
-        std::cerr << "nmrwalk-grid: error: " << e.what() << "\n";
-    }
-    return 1;
-}
+int main(int argc, char** argv) { return nmr::tools::runTool("nmrwalk-grid", run, argc, argv); }

@@ -112,15 +112,4 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const nmr::Exception& e) {
-        std::cerr << "nmrwalk-invert: error: " << e.message() << "\n";
-    } catch (const std::bad_alloc&) {
-        std::cerr << "nmrwalk-invert: error: out of memory for the inversion kernel\n";
-    } catch (const std::exception& e) {
-        std::cerr << "nmrwalk-invert: error: " << e.what() << "\n";
-    }
-    return 1;
-}
+int main(int argc, char** argv) { return nmr::tools::runTool("nmrwalk-invert", run, argc, argv); }

@@ -4,7 +4,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <exception>
+#include <iostream>
 #include <limits>
+#include <new>
 
 #include "common/exception.h"
 
@@ -114,6 +117,19 @@ std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::str
         result[i] = static_cast<std::uint32_t>(v);
     }
     return result;
+}
+
+int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv) {
+    try {
+        return body(argc, argv);
+    } catch (const Exception& e) {
+        std::cerr << tool << ": error: " << e.message() << "\n";
+    } catch (const std::bad_alloc&) {
+        std::cerr << tool << ": error: out of memory\n";
+    } catch (const std::exception& e) {
+        std::cerr << tool << ": error: " << e.what() << "\n";
+    }
+    return 1;
 }
 
 }  // namespace nmr::tools

@@ -45,4 +45,8 @@ double parseDouble(const std::string& text, const std::string& what);
 std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
                                          std::uint32_t minimum);
 
+// A tool's main: runs body and turns any error that escapes it into
+// "<tool>: error: <text>" on standard error and exit status 1.
+int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv);
+
 }  // namespace nmr::tools

@@ -174,12 +174,13 @@ SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
         return b > a ? (std::pow(b + c, 4) - std::pow(a + c, 4)) / (4.0 * (b - a))
                      : std::pow(a + c, 3);
     };
-    const double meanVolume =
-        4.0 / 3.0 * M_PI *
-        (definition.clayFraction * meanCube(coating) + (1.0 - definition.clayFraction) * meanCube(0.0));
+    const double meanVolume = 4.0 / 3.0 * M_PI *
+                              (definition.clayFraction * meanCube(coating) +
+                               (1.0 - definition.clayFraction) * meanCube(0.0));
     const double box = (nx + 2.0 * maxReach_) * (ny + 2.0 * maxReach_) * (nz + 2.0 * maxReach_);
     auto count =
-        static_cast<std::size_t>(-std::log(definition.targetPorosity) * box / meanVolume * 1.25) + 16;
+        static_cast<std::size_t>(-std::log(definition.targetPorosity) * box / meanVolume * 1.25) +
+        16;
 
     const double total = static_cast<double>(nx) * ny * nz;
     std::vector<Sphere> candidates;

@@ -107,7 +107,8 @@ public:
 
     // Throws nmr::Exception on a porosity outside (0, 1), a non-positive radius, a
     // spread outside [0, 1) or a clay fraction outside [0, 1].
-    SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, const SpherePackSettings& definition);
+    SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
+               const SpherePackSettings& definition);
     std::uint32_t nx() const override { return nx_; }
     std::uint32_t ny() const override { return ny_; }
     std::uint32_t nz() const override { return nz_; }
