@@ -26,7 +26,8 @@ const OptionDefinition* findShort(const std::vector<OptionDefinition>& definitio
     return nullptr;
 }
 
-const OptionDefinition* findLong(const std::vector<OptionDefinition>& definitions, const std::string& name) {
+const OptionDefinition* findLong(const std::vector<OptionDefinition>& definitions,
+                                 const std::string& name) {
     for (const auto& definition : definitions) {
         if (definition.longName == name) return &definition;
     }
