@@ -149,12 +149,7 @@ public:
     void setCounting(std::uint32_t x, std::uint32_t y, std::uint32_t z, const T& value,
                      std::vector<std::uint64_t>& counters) override {
         T& cell = cells_->data()[offset(x, y, z)];
-        const Mineral::Type before = mineralOf(cell);
-        const Mineral::Type after = mineralOf(value);
-        if (before != after) {
-            --counters.at(before);
-            ++counters.at(after);
-        }
+        countCellChange(cell, value, counters);
         cell = value;
         dirty_ = true;
     }

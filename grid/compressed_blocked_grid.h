@@ -74,7 +74,7 @@ public:
     void setCellCounting(std::uint32_t x, std::uint32_t y, std::uint32_t z, const T& value,
                          typename Grid<T>::Counters& counters) override {
         T& cell = writableCell(x, y, z);
-        if (this->isInterior(x, y, z)) this->countChange(cell, value, counters);
+        if (this->isInterior(x, y, z)) countCellChange(cell, value, counters);
         cell = value;
     }
     const T& getCell(T& buffer, std::uint32_t x, std::uint32_t y, std::uint32_t z) const override {

@@ -26,6 +26,17 @@ inline std::uint32_t mirrorIndex(std::int32_t i, std::uint32_t n) {
     return static_cast<std::uint32_t>(m < static_cast<std::int64_t>(n) ? m : period - m);
 }
 
+// Moves one counted cell from the old value's mineral to the new one's. A mineral code
+// beyond the counter table is a range error (std::out_of_range), not silent corruption.
+template <typename T>
+void countCellChange(const T& oldValue, const T& newValue, std::vector<std::uint64_t>& counters) {
+    const Mineral::Type before = mineralOf(oldValue);
+    const Mineral::Type after = mineralOf(newValue);
+    if (before == after) return;
+    --counters.at(before);
+    ++counters.at(after);
+}
+
 // A box of nx * ny * nz cubic cells (margins included) with a margin of cells on each
 // face that is stored but is not part of the sample. Counters track how many interior
 // cells hold each mineral; margin cells are never counted, so porosity and volume
@@ -103,14 +114,6 @@ public:
     Counters& counters() { return counters_; }
 
 protected:
-    // Moves one interior cell from the old value's mineral to the new one's.
-    static void countChange(const T& oldValue, const T& newValue, Counters& counters) {
-        const Mineral::Type before = mineralOf(oldValue);
-        const Mineral::Type after = mineralOf(newValue);
-        if (before == after) return;
-        --counters.at(before);
-        ++counters.at(after);
-    }
     void resetCountersToPore() {
         std::fill(counters_.begin(), counters_.end(), 0);
         counters_[Mineral::Pore] = interiorCellCount();

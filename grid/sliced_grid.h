@@ -36,12 +36,7 @@ public:
     void setCounting(std::uint32_t x, std::uint32_t y, const T& value,
                      std::vector<std::uint64_t>& counters) override {
         T& cell = data_[static_cast<std::size_t>(y) * nx_ + x];
-        const Mineral::Type before = mineralOf(cell);
-        const Mineral::Type after = mineralOf(value);
-        if (before != after) {
-            --counters.at(before);
-            ++counters.at(after);
-        }
+        countCellChange(cell, value, counters);
         cell = value;
     }
     void set(std::uint32_t x, std::uint32_t y, const T& value) override {

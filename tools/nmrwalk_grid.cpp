@@ -109,9 +109,7 @@ int run(int argc, char** argv) {
         std::cout << kUsage;
         return 0;
     }
-    if (options.positional().size() != 1)
-        throw Exception("Give exactly one geometry (slab, cylinder, sphere, pack), got: " +
-                        std::to_string(options.positional().size()));
+    const std::string kind = options.onlyPositional("geometry (slab, cylinder, sphere, pack)");
     const auto output = options.value("--output");
     if (!output) throw Exception("Missing option: --output");
     const double cellSize = options.number("--cell-size", 1.0);
@@ -119,7 +117,6 @@ int run(int argc, char** argv) {
     const Margins margins =
         marginText ? parseTriple(*marginText, "Margin must be M or MXxMYxMZ", 0) : Margins{0, 0, 0};
 
-    const std::string kind = options.positional()[0];
     const auto geometry = makeGeometry(kind, options);
     const PoreStatistics stats = writeGeometry(*geometry, *output, cellSize, margins);
 

@@ -65,10 +65,7 @@ int run(int argc, char** argv) {
         std::cout << kUsage;
         return 0;
     }
-    if (options.positional().size() != 1)
-        throw Exception("Give exactly one input volume, got: " +
-                        std::to_string(options.positional().size()));
-    const std::string input = options.positional()[0];
+    const std::string input = options.onlyPositional("input volume");
     const auto output = options.value("--output");
     if (!output) throw Exception("Missing option: --output");
     const auto labelText = options.value("--labels");

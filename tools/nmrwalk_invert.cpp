@@ -51,9 +51,7 @@ int run(int argc, char** argv) {
         std::cout << kUsage;
         return 0;
     }
-    if (options.positional().size() != 1)
-        throw Exception("Give exactly one decay file, got: " +
-                        std::to_string(options.positional().size()));
+    const std::string& input = options.onlyPositional("decay file");
     // The simulator's defaults, so that lab and simulated distributions compare point by point.
     const double t2Min = options.number("--t2-min", 0.0001);
     const double t2Max = options.number("--t2-max", 10000.0);
@@ -72,9 +70,8 @@ int run(int argc, char** argv) {
     const std::string output = options.value("--output").value_or("T2inversion.out");
 
     const auto start = std::chrono::steady_clock::now();
-    const MeasuredDecay decay = readDecayFile(options.positional()[0]);
-    std::cout << "Read " << decay.times.size() << " points from " << options.positional()[0]
-              << "\n";
+    const MeasuredDecay decay = readDecayFile(input);
+    std::cout << "Read " << decay.times.size() << " points from " << input << "\n";
     if (decay.columns == 4)
         std::cout << "Phase-rotated by " << decay.phaseRadians * 180.0 / M_PI
                   << " degrees (angle maximising the real-part energy of the first "

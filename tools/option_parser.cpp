@@ -119,6 +119,14 @@ std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::str
     return result;
 }
 
+const std::string& OptionParser::onlyPositional(const std::string& what) const {
+    if (positional_.size() != 1) {
+        throw Exception("Give exactly one " + what +
+                        ", got: " + std::to_string(positional_.size()));
+    }
+    return positional_.front();
+}
+
 int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv) {
     try {
         return body(argc, argv);

@@ -32,6 +32,9 @@ public:
     std::optional<double> number(const std::string& name) const;
     std::int64_t integer(const std::string& name, std::int64_t fallback) const;
 
+    // The one positional argument; throws "Give exactly one <what>, got: N" otherwise.
+    const std::string& onlyPositional(const std::string& what) const;
+
 private:
     std::map<std::string, std::string> values_;
     std::vector<std::string> positional_;
