@@ -80,7 +80,7 @@ double uniform(std::mt19937_64& rng) { return static_cast<double>(rng() >> 11) *
 
 SlabPore::SlabPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, std::uint32_t width,
                    SolidMaterial solid)
-    : nx_(nx), ny_(ny), nz_(nz), row_(nx) {
+    : PoreGeometry(nx, ny, nz), row_(nx) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
     // Without a solid layer at x = 0 and x = nx - 1 the mirror image of the pore would
@@ -106,7 +106,7 @@ void SlabPore::fillSlice(std::uint32_t, GrainBedGridCell* cells) const {
 
 CylinderPore::CylinderPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
                            SolidMaterial solid)
-    : nx_(nx), ny_(ny), nz_(nz), slice_(std::size_t{nx} * ny) {
+    : PoreGeometry(nx, ny, nz), slice_(std::size_t{nx} * ny) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
     if (!(radius > 0.0) || 2.0 * radius + 1.0 > static_cast<double>(std::min(nx, ny)))
@@ -127,7 +127,7 @@ void CylinderPore::fillSlice(std::uint32_t, GrainBedGridCell* cells) const {
 
 SpherePore::SpherePore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
                        SolidMaterial solid)
-    : nx_(nx), ny_(ny), nz_(nz), radius_(radius), solid_(solid) {
+    : PoreGeometry(nx, ny, nz), radius_(radius), solid_(solid) {
     checkSize(nx, ny, nz);
     checkSolid(solid);
     if (!(radius > 0.0) || 2.0 * radius + 1.0 > static_cast<double>(std::min({nx, ny, nz})))
@@ -149,7 +149,7 @@ void SpherePore::fillSlice(std::uint32_t z, GrainBedGridCell* cells) const {
 
 SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                        const SpherePackSettings& definition)
-    : nx_(nx), ny_(ny), nz_(nz), spec_(definition) {
+    : PoreGeometry(nx, ny, nz), spec_(definition) {
     checkSize(nx, ny, nz);
     checkSolid(definition.solid);
     if (!(definition.targetPorosity > 0.0 && definition.targetPorosity < 1.0))

@@ -15,12 +15,17 @@ namespace nmr::tools {
 class PoreGeometry {
 public:
     virtual ~PoreGeometry() = default;
-    virtual std::uint32_t nx() const = 0;
-    virtual std::uint32_t ny() const = 0;
-    virtual std::uint32_t nz() const = 0;
+    std::uint32_t nx() const { return nx_; }
+    std::uint32_t ny() const { return ny_; }
+    std::uint32_t nz() const { return nz_; }
     // Fills nx * ny cells of slice z, x fastest. Any z in [0, nz) may be asked for, in
     // any order.
     virtual void fillSlice(std::uint32_t z, GrainBedGridCell* cells) const = 0;
+
+protected:
+    PoreGeometry(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz)
+        : nx_(nx), ny_(ny), nz_(nz) {}
+    std::uint32_t nx_, ny_, nz_;
 };
 
 // What the solid is made of. Clay, when thickness > 0, coats the grain surfaces on the
@@ -38,13 +43,9 @@ public:
     // Throws nmr::Exception when the slab leaves no solid layer on either side in x.
     SlabPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, std::uint32_t width,
              SolidMaterial solid);
-    std::uint32_t nx() const override { return nx_; }
-    std::uint32_t ny() const override { return ny_; }
-    std::uint32_t nz() const override { return nz_; }
     void fillSlice(std::uint32_t z, GrainBedGridCell* cells) const override;
 
 private:
-    std::uint32_t nx_, ny_, nz_;
     std::vector<GrainBedGridCell> row_;  // every row of every slice is the same
 };
 
@@ -55,13 +56,9 @@ public:
     // Throws nmr::Exception when the pore would touch the x or y faces.
     CylinderPore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
                  SolidMaterial solid);
-    std::uint32_t nx() const override { return nx_; }
-    std::uint32_t ny() const override { return ny_; }
-    std::uint32_t nz() const override { return nz_; }
     void fillSlice(std::uint32_t z, GrainBedGridCell* cells) const override;
 
 private:
-    std::uint32_t nx_, ny_, nz_;
     std::vector<GrainBedGridCell> slice_;  // every slice is the same
 };
 
@@ -71,13 +68,9 @@ public:
     // Throws nmr::Exception when the pore would touch a face of the grid.
     SpherePore(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, double radius,
                SolidMaterial solid);
-    std::uint32_t nx() const override { return nx_; }
-    std::uint32_t ny() const override { return ny_; }
-    std::uint32_t nz() const override { return nz_; }
     void fillSlice(std::uint32_t z, GrainBedGridCell* cells) const override;
 
 private:
-    std::uint32_t nx_, ny_, nz_;
     double radius_;
     SolidMaterial solid_;
 };
@@ -109,9 +102,6 @@ public:
     // spread outside [0, 1) or a clay fraction outside [0, 1].
     SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                const SpherePackSettings& definition);
-    std::uint32_t nx() const override { return nx_; }
-    std::uint32_t ny() const override { return ny_; }
-    std::uint32_t nz() const override { return nz_; }
     void fillSlice(std::uint32_t z, GrainBedGridCell* cells) const override;
 
     const std::vector<Sphere>& spheres() const { return spheres_; }
@@ -128,7 +118,6 @@ private:
     std::pair<std::size_t, std::size_t> sliceRange(const std::vector<Sphere>& sorted,
                                                    std::uint32_t z) const;
 
-    std::uint32_t nx_, ny_, nz_;
     SpherePackSettings spec_;
     double maxReach_ = 0.0;        // largest radius + coating, voxels
     std::vector<Sphere> spheres_;  // the kept spheres, ordered by centre z
