@@ -6,7 +6,7 @@
 
 #include "app/version.h"
 #include "common/exception.h"
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 #include "params/parameter_file.h"
 
 namespace nmr::app {

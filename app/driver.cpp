@@ -14,8 +14,8 @@
 #include "app/rock_summary.h"
 #include "app/walker_loop.h"
 #include "common/exception.h"
+#include "mpi/message_passing.h"
 #include "parallel/grid_distribution.h"
-#include "parallel/message_passing.h"
 #include "params/nmr_parameters.h"
 #include "params/parameter_broadcast.h"
 #include "t2/decay_output.h"
@@ -78,6 +78,9 @@ public:
         if (rank_ == 0) printTiming();
         return finish(kComplete);
     }
+
+    // The stopped-file guard's write, for a job that is about to be aborted.
+    void writeStoppedFile() { stoppedFileGuard_.writeNow(); }
 
 private:
     bool readCommandLine() {
@@ -182,11 +185,15 @@ private:
                   << std::flush;
     }
 
-    // The runtime ends on every path out; what the driver holds is released when it goes
-    // out of scope afterwards, the stopped-file guard last. MPI_Finalize waits for every
-    // process, so "STOPPED" written just before it exists before any process can exit.
+    // The runtime ends on every path out; the grid is released just before, and what else
+    // the driver holds when it goes out of scope afterwards, the stopped-file guard last.
+    // MPI_Finalize waits for every process, so "STOPPED" written just before it exists
+    // before any process can exit.
     int finish(int status) {
         stoppedFileGuard_.writeNow();
+        // A plain grid lives in memory shared by the processes of a node, and giving it
+        // back is a collective step: every process reaches this line at the same phase.
+        grid_ = {};
         MPI_Finalize();
         return status;
     }
@@ -217,16 +224,18 @@ int runDriver(int argc, char** argv) {
     MPI_Init(&argc, &argv);
     // Every phase agrees on its own failures. Anything that still escapes (memory
     // exhausted in the middle of a transfer) cannot be agreed on any more: the message
-    // goes out, the stopped-file guard runs as the driver unwinds, and the whole job is
-    // ended so that no process waits for this one.
+    // goes out, "STOPPED" is written, and the whole job is ended so that no process waits
+    // for this one. The driver stays alive until then: releasing what it holds would
+    // wait for the other processes of the node, which are not coming.
+    RunDriver driver(argc, argv);
     try {
-        RunDriver driver(argc, argv);
         return driver.run();
     } catch (const Exception& e) {
         std::cout << "ERROR: " << e.message() << std::endl;
     } catch (const std::exception& e) {
         std::cout << "ERROR: " << e.what() << std::endl;
     }
+    driver.writeStoppedFile();
     MPI_Abort(MPI_COMM_WORLD, 1);
     return kEarlyEnd;
 }

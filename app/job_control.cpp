@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "common/exception.h"
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 
 namespace nmr::app {
 

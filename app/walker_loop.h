@@ -8,7 +8,7 @@
 #include "app/job_control.h"
 #include "app/progress_bar.h"
 #include "app/rock_summary.h"
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 #include "walk/absorption_histogram.h"
 #include "walk/walk.h"
 #include "walk/walker.h"

@@ -1,6 +1,8 @@
 // Walk throughput on a synthetic 256^3 pack of overlapping quartz spheres (about 20 %
-// porosity, no clay), against a bare loop that only draws four numbers per step from
-// the same kind of stream. Prints ns per step, steps per second and the ratio.
+// porosity, no clay), on the same rock held at four bytes a cell (a sliced grid) and at
+// one byte a cell (the plain grid of a run), against a bare loop that only draws four
+// numbers per step from the same kind of stream. Prints ns per step, steps per second and
+// the ratio of each walk to the bare draws.
 //
 //   walk_bench [walkers] [steps per walker] [rounds]     defaults: 4000 2000 7
 
@@ -13,6 +15,7 @@
 #include <ctime>
 #include <vector>
 
+#include "grid/byte_mineral_grid.h"
 #include "grid/sliced_grid.h"
 #include "walk/absorption_table.h"
 #include "walk/random_stream.h"
@@ -85,11 +88,11 @@ double porosityOf(const nmr::SlicedGrid<Type>& grid) {
 }  // namespace
 
 // Best of several rounds of thread CPU time: on a shared machine the minimum is the
-// figure least disturbed by other work, and walk and bare loop alternate so both see
-// the same conditions.
+// figure least disturbed by other work, and the walks and the bare loop alternate so all
+// see the same conditions.
 struct Timing {
     double walk = 1e300;
-    double bare = 1e300;
+    double far = 1e300;
 };
 
 int main(int argc, char** argv) {
@@ -101,13 +104,15 @@ int main(int argc, char** argv) {
     nmr::SlicedGrid<Type> grid(kSize, kSize, kSize, 0, 0, 0, 1.0);
     nmr::RandomStream geometry(12345u);
     paintGrains(grid, geometry);
+    nmr::ByteMineralGrid bytes(kSize, kSize, kSize, 0, 0, 0, 1.0);
+    for (std::uint32_t z = 0; z < kSize; ++z)
+        std::copy_n(grid.sliceData(z), std::size_t{kSize} * kSize, bytes.sliceData(z));
     std::printf("grid %u^3 built in %.2f s, porosity %.4f\n", kSize, secondsSince(start),
                 porosityOf(grid));
 
-    const auto view = nmr::makeWalkGridView(grid);
     nmr::RandomStream stream(8008u);
     std::vector<nmr::Walker> walkers;
-    nmr::createWalkers(stream, view, walkerCount, walkers);
+    nmr::createWalkers(stream, nmr::makeWalkGridView(grid), walkerCount, walkers);
     // The same walkers 20 mirror periods away: long walks spend most steps out there.
     const double shift = 20.0 * 2.0 * (kSize - 1);
     std::vector<nmr::Walker> farWalkers = walkers;
@@ -119,7 +124,7 @@ int main(int argc, char** argv) {
     nmr::AbsorptionTable table;
     buildAbsorptionTable(relaxivity, 0.5, 1e-6, 2.3e-9, table);
 
-    auto walkAll = [&](const std::vector<nmr::Walker>& set) {
+    auto walkAll = [&](const auto& view, const std::vector<nmr::Walker>& set) {
         const double t0 = threadSeconds();
         double checksum = 0.0;
         for (nmr::Walker walker : set) {
@@ -145,22 +150,31 @@ int main(int argc, char** argv) {
         return threadSeconds() - t0;
     };
 
-    Timing near, far;
+    const auto fourByteView = nmr::makeWalkGridView(grid);
+    const auto oneByteView = nmr::makeWalkGridView(bytes);
+    Timing fourBytes, oneByte;
+    double bare = 1e300;
     for (int r = 0; r < rounds; ++r) {
-        near.walk = std::min(near.walk, walkAll(walkers));
-        near.bare = std::min(near.bare, drawAll());
-        far.walk = std::min(far.walk, walkAll(farWalkers));
+        fourBytes.walk = std::min(fourBytes.walk, walkAll(fourByteView, walkers));
+        oneByte.walk = std::min(oneByte.walk, walkAll(oneByteView, walkers));
+        bare = std::min(bare, drawAll());
+        fourBytes.far = std::min(fourBytes.far, walkAll(fourByteView, farWalkers));
+        oneByte.far = std::min(oneByte.far, walkAll(oneByteView, farWalkers));
     }
 
     const double steps = static_cast<double>(walkerCount) * stepsPerWalker;
-    const double walkNs = near.walk * 1e9 / steps;
-    const double farNs = far.walk * 1e9 / steps;
-    const double bareNs = near.bare * 1e9 / steps;
+    const double bareNs = bare * 1e9 / steps;
     std::printf("walkers %d x %u steps, best of %d rounds\n", walkerCount, stepsPerWalker, rounds);
-    std::printf("walk in the box:       %6.2f ns/step  %.3g steps/s\n", walkNs, 1e9 / walkNs);
-    std::printf("walk mirrored far out: %6.2f ns/step  %.3g steps/s\n", farNs, 1e9 / farNs);
-    std::printf("bare 4 draws per step: %6.2f ns/step\n", bareNs);
-    std::printf("ratio walk / bare draws: %.2f in the box, %.2f far out\n", walkNs / bareNs,
-                farNs / bareNs);
+    std::printf("bare 4 draws per step:     %6.2f ns/step\n", bareNs);
+    const auto report = [&](const char* cells, const Timing& t) {
+        const double walkNs = t.walk * 1e9 / steps;
+        const double farNs = t.far * 1e9 / steps;
+        std::printf("%s cells, in the box:  %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n",
+                    cells, walkNs, 1e9 / walkNs, walkNs / bareNs);
+        std::printf("%s cells, far out:     %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n",
+                    cells, farNs, 1e9 / farNs, farNs / bareNs);
+    };
+    report("4-byte", fourBytes);
+    report("1-byte", oneByte);
     return 0;
 }

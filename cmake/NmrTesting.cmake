@@ -2,9 +2,12 @@
 #
 #   nmr_add_test(<folder> SOURCES ... LIBS ... [LABELS unit] [TIMEOUT s])
 #     builds <folder>_tests and registers CTest test "<folder>.<label>".
-#   nmr_add_mpi_test(<folder> SOURCES ... LIBS ... [RANKS 1 2 3 4] [TIMEOUT s])
+#   nmr_add_mpi_test(<folder> SOURCES ... LIBS ... [RANKS 1 2 3 4] [TIMEOUT s] [NODE_GROUPS])
 #     builds <folder>_mpi_tests once and registers "<folder>.mpi.npN" per rank count,
-#     launched through CMake's MPIEXEC_* variables.
+#     launched through CMake's MPIEXEC_* variables. NODE_GROUPS also registers
+#     "<folder>.mpi.npN.nodes2" for every N above 2, with NMRWALK_RANKS_PER_NODE=2, so
+#     that the ranks behave as nodes of two processes each (at 1 or 2 ranks that is the
+#     one real node, already covered).
 
 include(GoogleTest)
 
@@ -46,7 +49,7 @@ function(nmr_add_test folder)
 endfunction()
 
 function(nmr_add_mpi_test folder)
-  cmake_parse_arguments(ARG "" "TIMEOUT;NAME;PREFIX" "SOURCES;LIBS;RANKS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "NODE_GROUPS" "TIMEOUT;NAME;PREFIX" "SOURCES;LIBS;RANKS;LABELS" ${ARGN})
   if(NOT ARG_NAME)
     set(ARG_NAME ${folder}_mpi_tests)
   endif()
@@ -72,5 +75,13 @@ function(nmr_add_mpi_test folder)
     set_tests_properties(${ARG_PREFIX}.np${n} PROPERTIES
       PROCESSORS ${n} LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
       ENVIRONMENT "${NMR_TEST_ENV}")
+    if(ARG_NODE_GROUPS AND n GREATER 2)
+      add_test(NAME ${ARG_PREFIX}.np${n}.nodes2
+        COMMAND ${MPIEXEC_EXECUTABLE} ${MPIEXEC_NUMPROC_FLAG} ${n} ${MPIEXEC_PREFLAGS}
+                $<TARGET_FILE:${ARG_NAME}> ${MPIEXEC_POSTFLAGS})
+      set_tests_properties(${ARG_PREFIX}.np${n}.nodes2 PROPERTIES
+        PROCESSORS ${n} LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
+        ENVIRONMENT "${NMR_TEST_ENV};NMRWALK_RANKS_PER_NODE=2")
+    endif()
   endforeach()
 endfunction()

@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "common/exception.h"
@@ -214,30 +215,68 @@ GridFileSummary readGridFileSummary(const std::string& fileName, LoggerBase& log
     return s;
 }
 
+namespace {
+
+// Every grid cell is placed at most once onto a cleared grid, so moving one count from
+// pore to the code keeps the counters exact. Codes 14 and 15 are stored for the caller's
+// check and not counted. G is a plain grid with sliceData(z).
+template <typename G>
+void placeCounted(G& target, std::uint32_t x, std::uint32_t y, std::uint32_t z,
+                  Mineral::Type code) {
+    using Cell = std::remove_pointer_t<decltype(target.sliceData(z))>;
+    target.sliceData(z)[static_cast<std::size_t>(y) * target.nx() + x] = static_cast<Cell>(code);
+    if (code != Mineral::Pore && code < static_cast<std::size_t>(Mineral::count()) &&
+        target.isInterior(x, y, z)) {
+        --target.counters()[Mineral::Pore];
+        ++target.counters()[code];
+    }
+}
+
+}  // namespace
+
+GridLoadGeometry gridLoadGeometry(const GridFileSummary& file, const GridLoadOptions& options) {
+    GrainBedGridHeader header;
+    header.nx = static_cast<std::uint16_t>(file.nx);
+    header.ny = static_cast<std::uint16_t>(file.ny);
+    header.nz = static_cast<std::uint16_t>(file.nz);
+    header.marginX = static_cast<std::uint16_t>(file.marginX);
+    header.marginY = static_cast<std::uint16_t>(file.marginY);
+    header.marginZ = static_cast<std::uint16_t>(file.marginZ);
+    header.cellSize = file.cellSize;
+    return computeGridLoadGeometry(header, options);
+}
+
 std::shared_ptr<SlicedGrid<Mineral::Type>> loadSlicedGrid(const std::string& fileName,
                                                           const GridLoadOptions& options,
                                                           LoggerBase& logger,
                                                           ProgressReporter& progress) {
     using Grid = SlicedGrid<Mineral::Type>;
-    const auto kCodes = static_cast<std::size_t>(Mineral::count());
-    auto grid = loadInto(
+    return loadInto(
         fileName, options, logger, progress,
         [](const GridLoadGeometry& g, const GrainBedGridHeader& h) {
             return std::make_shared<Grid>(g.size[0], g.size[1], g.size[2], g.margin[0], g.margin[1],
                                           g.margin[2], h.cellSize);
         },
-        [kCodes](Grid& target, std::uint32_t x, std::uint32_t y, std::uint32_t z,
-                 Mineral::Type code) {
-            // Every grid cell is placed at most once onto a cleared grid, so moving one
-            // count from pore to the code keeps the counters exact. Codes 14 and 15 are
-            // left for the caller's check and not counted.
-            target.sliceData(z)[static_cast<std::size_t>(y) * target.nx() + x] = code;
-            if (code != Mineral::Pore && code < kCodes && target.isInterior(x, y, z)) {
-                --target.counters()[Mineral::Pore];
-                ++target.counters()[code];
-            }
-        });
-    return grid;
+        placeCounted<Grid>);
+}
+
+std::shared_ptr<ByteMineralGrid> loadByteMineralGrid(const std::string& fileName,
+                                                     const GridLoadOptions& options,
+                                                     LoggerBase& logger, ProgressReporter& progress,
+                                                     const ByteStorageAllocator& allocate) {
+    return loadInto(
+        fileName, options, logger, progress,
+        [&allocate](const GridLoadGeometry& g, const GrainBedGridHeader& h) {
+            const std::uint64_t cells =
+                static_cast<std::uint64_t>(g.size[0]) * g.size[1] * g.size[2];
+            ByteCellStorage storage = allocate(cells);
+            // Storage handed out by someone else may hold anything: clear it.
+            std::fill(storage.cells, storage.cells + storage.bytes, std::uint8_t{0});
+            return std::make_shared<ByteMineralGrid>(g.size[0], g.size[1], g.size[2], g.margin[0],
+                                                     g.margin[1], g.margin[2], h.cellSize,
+                                                     std::move(storage));
+        },
+        placeCounted<ByteMineralGrid>);
 }
 
 std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> loadCompressedBlockedGrid(

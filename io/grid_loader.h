@@ -2,11 +2,13 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "common/logger.h"
 #include "common/progress_reporter.h"
+#include "grid/byte_mineral_grid.h"
 #include "grid/compressed_blocked_grid.h"
 #include "grid/mineral.h"
 #include "grid/region_of_interest.h"
@@ -61,6 +63,11 @@ struct GridFileSummary {
 };
 GridFileSummary readGridFileSummary(const std::string& fileName, LoggerBase& logger);
 
+// Sizes and margins that loading the file with these options will give, from its summary
+// alone (a text grid is not converted for this). Throws FileAccessException "Region of
+// interest is larger than grid size" as the load itself would.
+GridLoadGeometry gridLoadGeometry(const GridFileSummary& file, const GridLoadOptions& options);
+
 // Loads a grid file (grain bed grid or plain text) into a plain grid. Cells hold the
 // mineral code of each record; codes 14 and 15 are stored but not counted, so the caller
 // can find and report them. Throws FileAccessException for file problems,
@@ -69,6 +76,13 @@ std::shared_ptr<SlicedGrid<Mineral::Type>> loadSlicedGrid(const std::string& fil
                                                           const GridLoadOptions& options,
                                                           LoggerBase& logger,
                                                           ProgressReporter& progress);
+
+// The same at one byte per cell. The cells go into the storage that allocate(bytes) hands
+// out once the sizes are known (by default memory of this process).
+using ByteStorageAllocator = std::function<ByteCellStorage(std::uint64_t bytes)>;
+std::shared_ptr<ByteMineralGrid> loadByteMineralGrid(
+    const std::string& fileName, const GridLoadOptions& options, LoggerBase& logger,
+    ProgressReporter& progress, const ByteStorageAllocator& allocate = ByteCellStorage::allocate);
 
 // The same into a block-compressed grid, then sized to availableMb megabytes (MiB):
 // throws Exception "Not enough memory available, need at least ..." when not even one

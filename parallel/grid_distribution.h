@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "grid/byte_mineral_grid.h"
 #include "grid/compressed_blocked_grid.h"
 #include "grid/region_of_interest.h"
-#include "grid/sliced_grid.h"
 #include "walk/random_stream.h"
 #include "walk/walker.h"
 
@@ -27,10 +27,12 @@ struct DistributionRequest {
     std::int32_t numberOfWalkers = 0;
 };
 
-// This process's copy of the grid: exactly one of the two is set after a success,
-// neither after a failure.
+// This process's view of the grid: exactly one of the two is set after a success,
+// neither after a failure. A plain grid is one byte per cell in memory shared by the
+// processes of a node; releasing it is collective over the node, so every process
+// drops its DistributedGrid at the same point of the run, before MPI_Finalize.
 struct DistributedGrid {
-    std::shared_ptr<SlicedGrid<Mineral::Type>> plain;
+    std::shared_ptr<ByteMineralGrid> plain;
     std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> compressed;
 
     explicit operator bool() const { return plain || compressed; }
@@ -41,7 +43,8 @@ struct DistributedGrid {
 
 // The size of a plain copy as the decision between plain and compressed reckons it:
 // ceil(x*y*z / 8) cells-of-eight kept in its low 32 bits, times 4 bytes, in MiB. The
-// 32-bit wrap for huge grids is part of the rule and is kept.
+// 32-bit wrap for huge grids is part of the rule and is kept, and so is the reckoning
+// itself (half a byte a cell), although a plain copy takes one byte a cell per node.
 double estimatedPlainGridMb(std::int32_t x, std::int32_t y, std::int32_t z);
 // Compressed when 0.8 * estimate exceeds the budget (strictly).
 bool needsCompressedGrid(double estimatedMb, std::uint32_t memoryLimitMb);
@@ -50,10 +53,11 @@ bool needsCompressedGrid(double estimatedMb, std::uint32_t memoryLimitMb);
 std::int32_t localWalkerCount(std::int32_t total, int rank, int size);
 
 // Collective over the world communicator. Process 0 reads the grid file; the grid is
-// replicated on every process, plain (one broadcast per z slice) or as compressed blocks
-// (the compressed bytes travel as they are), and the walkers are created and divided.
-// Messages and timings go to `console` on process 0 only. Every decision is agreed
-// before anyone acts on it, so on failure all processes return an empty grid together.
+// replicated, plain (once per node, one broadcast per z slice among the node leaders) or
+// as compressed blocks on every process (the compressed bytes travel as they are), and
+// the walkers are created and divided. Messages and timings go to `console` on process 0
+// only. Every decision is agreed before anyone acts on it, so on failure all processes
+// return an empty grid together.
 DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, RandomStream& stream,
                                          std::vector<Walker>& walkers, std::ostream& console);
 

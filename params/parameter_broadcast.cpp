@@ -8,7 +8,7 @@
 
 #include "common/exception.h"
 #include "grid/mineral.h"
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 #include "params/parameter_file.h"
 
 namespace nmr {

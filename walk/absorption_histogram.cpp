@@ -1,6 +1,6 @@
 #include "walk/absorption_histogram.h"
 
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 
 namespace nmr {
 

@@ -4,7 +4,7 @@
 
 #include "app/job_control.h"
 #include "e2e_support.h"
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 
 namespace nmr::app {
 namespace {

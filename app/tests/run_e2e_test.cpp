@@ -212,6 +212,17 @@ TEST_P(Run, BadInputEndsEveryProcessWithoutOutputFiles) {
                        "./nmr.yaml does not contain a yaml map.\n");
     }
     {
+        // The header alone of a 16384^3 grid: one byte a cell is 4 TiB on every node.
+        SCOPED_TRACE("grid beyond the memory of a node");
+        prepare(RunSettings{});
+        {
+            GrainBedGridWriter header((dir_ / "rock.binc").string(), 16384, 16384, 16384, 0, 0, 0,
+                                      1.0);
+        }
+        expectEarlyEnd(run(),
+                       "Not enough memory to hold the grid once per node: 4194304 MB needed, ");
+    }
+    {
         SCOPED_TRACE("memory limit below one block");
         prepare(RunSettings{});
         expectEarlyEnd(run({"-m", "0"}), "Not enough memory available, need at least ");

@@ -5,8 +5,9 @@
 
 #include "io/grain_bed_grid_writer.h"
 #include "io/grid_loader.h"
+#include "mpi/message_passing.h"
+#include "mpi/node_topology.h"
 #include "parallel/grid_distribution.h"
-#include "parallel/message_passing.h"
 #include "walk/block_key_tables.h"
 #include "walk/walker_creation.h"
 
@@ -88,7 +89,7 @@ protected:
                 for (std::uint32_t x = box.x0; x < box.x1; ++x)
                     ASSERT_EQ(grid.at(x, y, z), expectedCell(x, y, z)) << x << "," << y << "," << z;
     }
-    static void expectSameRock(const SlicedGrid<Mineral::Type>& grid) {
+    static void expectSameRock(const ByteMineralGrid& grid) {
         expectSameCells(grid, BlockBounds{0, 0, 0, grid.nx(), grid.ny(), grid.nz()});
     }
     // Block by block: a compressed grid keeps only a few blocks expanded.
@@ -123,6 +124,42 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
         EXPECT_EQ(console.str().find("* Distribute time: ") != std::string::npos, mpi::size() > 1);
     } else {
         EXPECT_TRUE(console.str().empty());
+    }
+
+    // One copy per node: a cell the node leader changes changes for its whole node, and
+    // for no other node.
+    const auto topology = mpi::NodeTopology::discover();
+    const int node =
+        mpi::allReduce(topology->isLeader() ? mpi::rank() : 0, MPI_MAX, topology->node());
+    mpi::barrier();
+    if (topology->isLeader()) copy.plain->sliceData(0)[1] = static_cast<std::uint8_t>(100 + node);
+    MPI_Barrier(MPI_COMM_WORLD);
+    EXPECT_EQ(static_cast<int>(copy.plain->at(1, 0, 0)), 100 + node);
+    MPI_Barrier(MPI_COMM_WORLD);
+}
+
+TEST_F(DistributionTest, PlainGridBeyondTheNodesMemoryEndsEveryProcess) {
+    // A header of 16384^3 cells with no cells behind it: the four-byte estimate wraps to
+    // nothing, so the plain copy is chosen, and it needs 4 TiB on every node.
+    const std::string path = (dir_ / "huge.binc").string();
+    if (mpi::rank() == 0) {
+        GrainBedGridWriter writer(path, 16384, 16384, 16384, 0, 0, 0, 1.0);
+    }
+    mpi::barrier();
+    RandomStream stream(1u);
+    std::vector<Walker> walkers;
+    std::ostringstream console;
+    const DistributedGrid copy =
+        distributeGridAndWalkers(request(path, 1500, 10), stream, walkers, console);
+    EXPECT_FALSE(copy);
+    EXPECT_TRUE(walkers.empty());
+    if (mpi::rank() == 0) {
+        EXPECT_EQ(console.str().rfind("Not enough memory to hold the grid once per node: 4194304 "
+                                      "MB needed, ",
+                                      0),
+                  0u)
+            << console.str();
+        EXPECT_EQ(console.str().find("* Read grid time"), std::string::npos);
     }
 }
 

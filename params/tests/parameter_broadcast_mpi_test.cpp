@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
 

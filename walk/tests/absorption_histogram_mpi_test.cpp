@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 #include "walk/absorption_histogram.h"
 
 namespace nmr {

@@ -1,4 +1,4 @@
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 
 namespace nmr::mpi {
 

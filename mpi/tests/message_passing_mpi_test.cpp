@@ -2,7 +2,7 @@
 
 #include <numeric>
 
-#include "parallel/message_passing.h"
+#include "mpi/message_passing.h"
 
 namespace nmr {
 namespace {

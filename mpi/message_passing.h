@@ -67,8 +67,8 @@ void broadcast(T& value, int root) {
 void broadcast(bool& value, int root);
 
 template <typename T>
-void broadcast(T* data, int count, int root) {
-    MPI_Bcast(data, count, datatype<T>(), root, world());
+void broadcast(T* data, int count, int root, MPI_Comm comm = world()) {
+    MPI_Bcast(data, count, datatype<T>(), root, comm);
 }
 
 // The root's length goes first, so receivers need not know it: each receiver's vector
