@@ -7,8 +7,8 @@
 
 #include "app/job_control.h"
 #include "app/progress_bar.h"
-#include "app/rock_summary.h"
 #include "mpi/message_passing.h"
+#include "simulation/rock_summary.h"
 #include "walk/absorption_histogram.h"
 #include "walk/walk.h"
 #include "walk/walker.h"

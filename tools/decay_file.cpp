@@ -62,6 +62,7 @@ MeasuredDecay readDecayFile(const std::string& path) {
                             trim(line));
         decay.times.push_back(values[0]);
         decay.values.push_back(columns == 2 ? values[1] : values[2]);
+        decay.lines.push_back(number);
         if (columns == 4) imaginary.push_back(values[3]);
     }
     if (decay.times.empty()) throw Exception("No data lines in the decay file: " + path);

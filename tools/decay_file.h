@@ -11,6 +11,7 @@ namespace nmr::tools {
 struct MeasuredDecay {
     std::vector<double> times;
     std::vector<double> values;
+    std::vector<std::size_t> lines;  // the file's line of each point, from 1
     std::size_t columns = 2;
     double phaseRadians = 0.0;     // rotation applied (four columns only)
     std::size_t phaseEchoes = 0;   // leading echoes the rotation was chosen from

@@ -34,16 +34,24 @@ inline double squareRoot(double q) {
 #endif
 }
 
-// One step of length s (voxels); true when the walker was absorbed. The direction is
-// a point of the cube [-1, 1)^3 scaled to length s, not a point on the sphere (no
-// rejection outside the unit ball); the draws go z, y, x. A step into a solid voxel
-// either absorbs (p[code] > u - 1, strictly) or is undone; an undone step still takes
-// its time. `absorption` must cover every code the grid holds (validated grids 0..13).
-// `draw` yields the stream's next number in [1, 2); `mineralAt` maps a position to
-// the mineral of the voxel under it (mirrored).
-template <typename Draw, typename Locate>
+// The rule of a run at a wall: the step is undone unless p[code] > u - 1 (strictly), in
+// which case the walker is absorbed. `absorption` must cover every code the grid holds
+// (validated grids 0..13).
+struct AbsorbAtWall {
+    const double* absorption;
+    bool operator()(Mineral::Type code, double u) const { return absorption[code] > u - 1.0; }
+};
+
+// One step of length s (voxels); true when the walk of this walker ends here. The
+// direction is a point of the cube [-1, 1)^3 scaled to length s, not a point on the
+// sphere (no rejection outside the unit ball); the draws go z, y, x. A step into a solid
+// voxel draws one more number u and asks atWall(code, u): true ends the walk with the
+// walker on the wall, false undoes the step, which still takes its time. `draw` yields
+// the stream's next number in [1, 2); `mineralAt` maps a position to the mineral of the
+// voxel under it (mirrored).
+template <typename Draw, typename Locate, typename AtWall>
 [[gnu::always_inline]] inline bool step(Draw&& draw, Locate&& mineralAt, double& x, double& y,
-                                        double& z, double s, const double* absorption) {
+                                        double& z, double s, AtWall& atWall) {
     const double dz = 2.0 * (draw() - 1.0) - 1.0;
     const double dy = 2.0 * (draw() - 1.0) - 1.0;
     const double dx = 2.0 * (draw() - 1.0) - 1.0;
@@ -55,7 +63,7 @@ template <typename Draw, typename Locate>
 
     const Mineral::Type code = mineralAt(nextX, nextY, nextZ);
     if (code != Mineral::Pore) {
-        if (absorption[code] > draw() - 1.0) {
+        if (atWall(code, draw())) {
             x = nextX;
             y = nextY;
             z = nextZ;
@@ -72,9 +80,9 @@ template <typename Draw, typename Locate>
 // `count` steps that cannot exhaust the block (count * kMaxDrawsPerStep numbers are
 // left): no regeneration check and no call inside, so the position and the stream's
 // index live in registers for the whole run.
-template <typename G>
+template <typename G, typename AtWall>
 [[gnu::noinline]] bool walkRun(RandomStream& stream, Walker& walker, std::uint32_t count, double s,
-                               const WalkGridView<G>& view, const double* absorption) {
+                               const WalkGridView<G>& view, AtWall& atWall) {
     RandomStream::Reader random(stream);
     auto draw = [&random]() { return random.nextUnchecked(); };
     MirrorAxis mirrorX(view.sizeX);
@@ -88,24 +96,24 @@ template <typename G>
     double x = walker.x;
     double y = walker.y;
     double z = walker.z;
-    bool absorbed = false;
+    bool ended = false;
     for (std::uint32_t n = 0; n < count; ++n) {
-        if (step(draw, mineralAt, x, y, z, s, absorption)) {
-            absorbed = true;
+        if (step(draw, mineralAt, x, y, z, s, atWall)) {
+            ended = true;
             break;
         }
     }
     walker = Walker{x, y, z};
-    return absorbed;
+    return ended;
 }
 
-// stepCount steps; true when the walker was absorbed. The draws are exactly those of a
-// draw-by-draw loop that regenerates the block when its index reaches the end: runs of
-// steps that cannot reach the end go unchecked, and the step that may cross it draws
+// stepCount steps; true when the walk ended (atWall said so). The draws are exactly those
+// of a draw-by-draw loop that regenerates the block when its index reaches the end: runs
+// of steps that cannot reach the end go unchecked, and the step that may cross it draws
 // through next(), which regenerates in the middle of the step if it must.
-template <typename G>
+template <typename G, typename AtWall>
 inline bool walkSteps(RandomStream& stream, Walker& walker, std::uint32_t stepCount, double s,
-                      const WalkGridView<G>& view, const double* absorption) {
+                      const WalkGridView<G>& view, AtWall& atWall) {
     std::uint32_t done = 0;
     while (done < stepCount) {
         const auto safe = static_cast<std::uint32_t>(stream.available() / kMaxDrawsPerStep);
@@ -114,12 +122,12 @@ inline bool walkSteps(RandomStream& stream, Walker& walker, std::uint32_t stepCo
             auto mineralAt = [&view](double px, double py, double pz) {
                 return view.mineralAt(px, py, pz);
             };
-            if (step(draw, mineralAt, walker.x, walker.y, walker.z, s, absorption)) return true;
+            if (step(draw, mineralAt, walker.x, walker.y, walker.z, s, atWall)) return true;
             ++done;
             continue;
         }
         const std::uint32_t run = std::min(stepCount - done, safe);
-        if (walkRun(stream, walker, run, s, view, absorption)) return true;
+        if (walkRun(stream, walker, run, s, view, atWall)) return true;
         done += run;
     }
     return false;
@@ -131,7 +139,8 @@ inline bool walkSteps(RandomStream& stream, Walker& walker, std::uint32_t stepCo
 template <typename G>
 bool walkInterval(RandomStream& stream, Walker& walker, std::uint32_t stepCount, double stepLength,
                   const WalkGridView<G>& view, const AbsorptionTable& table) {
-    return detail::walkSteps(stream, walker, stepCount, stepLength, view, table.data());
+    detail::AbsorbAtWall absorb{table.data()};
+    return detail::walkSteps(stream, walker, stepCount, stepLength, view, absorb);
 }
 
 // Walks one walker (a copy) through every interval of the schedule and returns the
@@ -145,9 +154,9 @@ std::uint32_t walkWalker(RandomStream& stream, Walker walker, const WalkGridView
                          const AbsorptionTable& fineTable, const AbsorptionTable& coarseTable) {
     const auto intervals = static_cast<std::uint32_t>(stepsPerInterval.size());
     const std::uint32_t fineEnd = fineIntervals < intervals ? fineIntervals : intervals;
+    detail::AbsorbAtWall absorbFine{fineTable.data()};
     for (std::uint32_t i = 0; i < fineEnd; ++i) {
-        if (detail::walkSteps(stream, walker, stepsPerInterval[i], fineStep, view,
-                              fineTable.data())) {
+        if (detail::walkSteps(stream, walker, stepsPerInterval[i], fineStep, view, absorbFine)) {
             return i;
         }
     }

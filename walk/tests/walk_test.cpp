@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "grid/sliced_grid.h"
+#include "walk/recording_walk.h"
 #include "walk/step_schedule.h"
 #include "walk/walk.h"
 #include "walk/walker_creation.h"
@@ -100,6 +101,63 @@ TEST(WalkWalker, AbsorbedAtTheFirstContactOnlyWhereTheTableSays) {
         ASSERT_FALSE(walkInterval(stream, start, 2000, 0.5, view, never));
         EXPECT_EQ(view.mineralAt(start.x, start.y, start.z), Mineral::Pore);
     }
+}
+
+// Counts contacts and weights as recordWalker reports them.
+struct RecordedContacts {
+    std::vector<std::uint32_t> total = std::vector<std::uint32_t>(16, 0);
+    int level = 0;
+    StopInterval stopped = 0;
+    std::uint32_t slots;
+    void interval(std::uint32_t, const std::uint32_t* counts, int passed) {
+        for (std::uint32_t s = 0; s < slots; ++s) total[s] += counts[s];
+        level = passed;
+    }
+    void stop(StopInterval at) { stopped = at; }
+};
+
+TEST(RecordingWalk, DrawsWhatARunDrawsAndPlaysTheRouletteAtEveryHalving) {
+    MineralGrid grid(6, 5, 5, 0, 0, 0, 1.0);
+    for (auto [x, y, z] : {std::tuple{3, 0, 0}, {1, 2, 1}, {4, 4, 3}, {2, 1, 4}})
+        grid.sliceData(z)[y * 6 + x] = z % 2 ? Mineral::Clay : Mineral::Quartz;
+    const auto view = makeWalkGridView(grid);
+    StepSchedule schedule;
+    schedule.stepsPerInterval = {1, 1, 3, 40, 500, 4000};
+    schedule.fineIntervals = 2;
+    const AbsorptionTable never(Mineral::count(), 0.0);
+
+    // A floor that never halves the survival: the walker is never stopped, and its path
+    // and the stream afterwards are those of a run in which nothing absorbs.
+    std::vector<double> tiny(Mineral::count(), 1e-12);
+    const RecordingPlan quiet = makeRecordingPlan({Mineral::Clay, Mineral::Quartz}, tiny, tiny);
+    ASSERT_EQ(quiet.slots(), 2u);
+    for (const Walker& start : walkersIn(grid, 20, 3u)) {
+        RandomStream run(9u), recording(9u), roulette(4u);
+        EXPECT_EQ(walkWalker(run, start, view, schedule.stepsPerInterval, schedule.fineIntervals,
+                             0.25, 0.5, never, never),
+                  0u);
+        RecordedContacts sink{.slots = 2};
+        recordWalker(recording, roulette, start, view, schedule, 0.25, 0.5, quiet, sink);
+        EXPECT_EQ(sink.stopped, 6u);  // walked the whole schedule
+        EXPECT_EQ(sink.level, 0);
+        EXPECT_EQ(run.next(), recording.next());
+    }
+
+    // With a floor of p = 0.3 per contact, a walker passes one roulette each time its
+    // survival 0.7^n halves again: after 2 contacts (0.49), 4 (0.24), 6 (0.118), ...
+    std::vector<double> p(Mineral::count(), 0.3);
+    const RecordingPlan strong = makeRecordingPlan({Mineral::Quartz}, p, p);
+    int stopped = 0, walkers = 0;
+    for (const Walker& start : walkersIn(grid, 200, 8u)) {
+        RandomStream stream(11u + static_cast<std::uint32_t>(walkers++)), roulette(5u);
+        RecordedContacts sink{.slots = 1};
+        recordWalker(stream, roulette, start, view, schedule, 0.25, 0.5, strong, sink);
+        const std::uint32_t n = sink.total[0];
+        EXPECT_EQ(sink.level, rouletteLevel(n * std::log1p(-0.3))) << n;
+        stopped += sink.stopped < schedule.stepsPerInterval.size();
+    }
+    // Each level is survived with probability 1/2, so nearly every walker stops early.
+    EXPECT_GT(stopped, 150);
 }
 
 }  // namespace

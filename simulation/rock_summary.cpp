@@ -1,6 +1,6 @@
-#include "app/rock_summary.h"
+#include "simulation/rock_summary.h"
 
-namespace nmr::app {
+namespace nmr {
 
 namespace {
 constexpr double kMicrometre = 0.000001;
@@ -67,4 +67,4 @@ WalkSetup buildWalkSetup(const RockSummary& s,
     return setup;
 }
 
-}  // namespace nmr::app
+}  // namespace nmr

@@ -10,10 +10,7 @@
 #include "walk/saturation.h"
 #include "walk/step_schedule.h"
 
-namespace nmr::app {
-
-// Number of time intervals of the walk, and the length of every process's histogram.
-inline constexpr std::uint32_t kIntervalCount = 300;
+namespace nmr {
 
 // The rock model as every process computes it before walking: the same numbers on every
 // process, because each holds the same grid and the same broadcast parameters.
@@ -45,4 +42,4 @@ struct WalkSetup {
 WalkSetup buildWalkSetup(const RockSummary& summary,
                          const NuclearMagneticResonanceParameters& parameters);
 
-}  // namespace nmr::app
+}  // namespace nmr

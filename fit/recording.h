@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "fit/contact_histories.h"
+#include "fit/reweighted_decay.h"
+#include "grid/grid.h"
+#include "params/nmr_parameters.h"
+#include "simulation/rock_summary.h"
+#include "walk/recording_walk.h"
+#include "walk/walker.h"
+
+namespace nmr::fit {
+
+// The recorded run of these parameters on this grid: the decay's fixed terms, the
+// schedule, and the plan of the minerals recorded with their floors. `floor` gives the
+// lowest relaxivity the recording must serve for every mineral that is to be varied;
+// every other relaxing mineral keeps its value from the parameter file, which is then
+// also its floor.
+RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
+                                const RockSummary& summary, const WalkSetup& setup,
+                                const Grid<Mineral::Type>& grid,
+                                const MineralValueMap<double>& floor);
+
+// Walkers per chunk of a recording of `total` walkers: about 128 chunks in all, so that a
+// bootstrap has enough of them to resample.
+std::uint32_t chunkWalkersFor(std::int64_t total);
+
+// Records this process's walkers in order, with `stream` drawing exactly what a run would
+// and `roulette` deciding which walkers go on.
+template <typename G>
+ContactHistories recordWalkers(const G& grid, const std::vector<Walker>& walkers,
+                               RandomStream& stream, RandomStream& roulette, const RecordedRun& run,
+                               const WalkSetup& setup, std::uint32_t chunkWalkers) {
+    ContactHistories histories;
+    HistoryRecorder recorder(histories, static_cast<std::uint32_t>(run.plan.slots()),
+                             setup.schedule.fineIntervals, chunkWalkers);
+    const WalkGridView<G> view = makeWalkGridView(grid);
+    for (const Walker& walker : walkers) {
+        recordWalker(stream, roulette, walker, view, setup.schedule, run.fineStep, run.coarseStep,
+                     run.plan, recorder);
+    }
+    return histories;
+}
+
+// Collective over the world communicator: every process's histories end up on process 0,
+// in rank order; the others are left empty.
+ContactHistories gatherHistories(ContactHistories&& local);
+
+}  // namespace nmr::fit

@@ -1,0 +1,242 @@
+// nmrwalk-fit run for real under mpiexec, on grain packs made by nmrwalk-grid, against
+// decays that nmrwalk itself simulated.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#include "app/tests/e2e_support.h"
+#include "fit/recorded_walk_file.h"
+#include "fit/reweighted_decay.h"
+
+namespace nmr::test {
+namespace {
+
+std::vector<std::string> launch(int processes, const std::string& program,
+                                const std::vector<std::string>& arguments) {
+    std::vector<std::string> command = {NMR_MPIEXEC, NMR_MPIEXEC_NUMPROC_FLAG,
+                                        std::to_string(processes)};
+    std::istringstream pre(NMR_MPIEXEC_PREFLAGS), post(NMR_MPIEXEC_POSTFLAGS);
+    for (std::string word; pre >> word;) command.push_back(word);
+    command.push_back(program);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    for (std::string word; post >> word;) command.push_back(word);
+    return command;
+}
+
+struct Rock {
+    int size = 30;
+    double radius = 5.0;
+    double clayFraction = 0.5;
+};
+
+std::string parameters(int walkers, int seed, double quartz, double clay) {
+    std::ostringstream yaml;
+    yaml << "NuclearMagneticResonanceParameters:\n"
+         << "  grid: rock.binc\n"
+         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.0002\n"
+         << "  magneticFieldGradient: 0.1\n  saturationFile: false\n  waterSaturation: 1.0\n"
+         << "  clayMicroPorosity: 0.3\n  bulkWaterT2: 2.5\n"
+         << "  diffusionConstantWater: 2.3e-09\n  diffusionConstantOil: 1e-10\n"
+         << "  surfaceRelaxationStrengthWater: {Clay: " << clay << ", Quartz: " << quartz << "}\n"
+         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
+         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
+         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: " << seed
+         << "\n  subsampleCalculation: false\n"
+         << "  regionOfInterest: {x: [0, 4], y: [0, 4], z: [0, 4]}\n"
+         << "  t2Components: 60\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n";
+    return yaml.str();
+}
+
+std::vector<std::pair<double, double>> columns(const std::string& text) {
+    std::vector<std::pair<double, double>> points;
+    std::istringstream in(text);
+    for (double t, a; in >> t >> a;) points.emplace_back(t, a);
+    return points;
+}
+
+// The value of "Fitted <name>: <value> m/s (+- <u>)".
+std::pair<double, double> fitted(const std::string& output, const std::string& name) {
+    const std::string key = "Fitted " + name + ": ";
+    const auto at = output.find(key);
+    if (at == std::string::npos) return {NAN, NAN};
+    double value = NAN, uncertainty = NAN;
+    std::sscanf(output.c_str() + at + key.size(), "%lf m/s (+- %lf)", &value, &uncertainty);
+    return {value, uncertainty};
+}
+
+class Fit : public ::testing::Test {
+protected:
+    void makeRock(const Rock& rock) {
+        const auto result = runCommand({NMR_GRID_TOOL,
+                                        "pack",
+                                        "--size",
+                                        std::to_string(rock.size),
+                                        "--cell-size",
+                                        "2",
+                                        "--radius",
+                                        std::to_string(rock.radius),
+                                        "--radius-spread",
+                                        "0.3",
+                                        "--porosity",
+                                        "0.3",
+                                        "--clay-thickness",
+                                        "1",
+                                        "--clay-fraction",
+                                        std::to_string(rock.clayFraction),
+                                        "--seed",
+                                        "17",
+                                        "-o",
+                                        (dir_ / "rock.binc").string()},
+                                       dir_.path());
+        ASSERT_EQ(result.exitStatus, 0) << result.errorOutput;
+    }
+    // nmrwalk's decay with these relaxivities, as the measured file `name`.
+    void simulate(const std::string& name, int walkers, double quartz, double clay) {
+        dir_.write("nmr.yaml", parameters(walkers, 4711, quartz, clay));
+        const auto result = runCommand(launch(2, NMR_NMRWALK, {}), dir_.path(),
+                                       std::chrono::seconds(600), launcherEnvironment());
+        ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+        std::filesystem::rename(dir_ / "T2decay.out", dir_ / name);
+    }
+    CommandResult fit(const std::vector<std::string>& arguments, int processes = 2) {
+        return runCommand(launch(processes, NMR_FIT_TOOL, arguments), dir_.path(),
+                          std::chrono::seconds(900), launcherEnvironment());
+    }
+    ScratchDirectory dir_{"nmr_fit_e2e"};
+};
+
+TEST_F(Fit, ReweightedDecayAtTheFilesRelaxivitiesAgreesWithTheRunWithinItsMonteCarloBand) {
+    makeRock(Rock{});
+    const int walkers = 20000;
+    simulate("measured.txt", walkers, 3e-5, 5e-6);
+    const auto result = fit({"measured.txt"});
+    ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+    EXPECT_NE(result.output.find("* Recording walk time: "), std::string::npos);
+
+    const fit::RecordedWalk walk = fit::readRecordedWalk((dir_ / "fit.walk").string());
+    EXPECT_EQ(walk.histories.walkers(), static_cast<std::uint64_t>(walkers));
+    const auto sums = fit::survivalSums(walk.histories, walk.run, walk.run.relaxivity, 2);
+    const DecayCurve curve = fit::reweightedDecay(sums, walk.run, walk.run.relaxivity, false);
+    const auto run = columns(dir_.read("measured.txt"));
+    ASSERT_GT(run.size(), 50u);
+    std::size_t compared = 0;
+    for (std::size_t i = 0; i < run.size() && i < curve.times.size(); ++i) {
+        // One schedule for both; the file holds six significant digits.
+        ASSERT_NEAR(run[i].first, curve.times[i], 1e-5 * curve.times[i]) << i;
+        // Two independent estimates of a surviving fraction p from N walkers each: the
+        // binomial error of their difference is sqrt(2 p (1 - p) / N). The amplitude is the
+        // survival damped by factors below 1, so that bounds its error too; the recording's
+        // roulette keeps its own error within the binomial one at and above its floor. 5
+        // sigma keeps some hundred correlated points from failing by chance, while a 5 %
+        // error in the re-weighted survival would fail.
+        const double p = std::clamp(run[i].second, 0.0, 1.0);
+        const double sigma = std::sqrt(2.0 * std::max(p * (1.0 - p), 1.0 / walkers) / walkers);
+        EXPECT_NEAR(curve.values[i], run[i].second, 5.0 * sigma) << "t = " << run[i].first;
+        ++compared;
+    }
+    EXPECT_GT(compared, 50u);
+}
+
+TEST_F(Fit, BadInputEndsWithTheFileAndLineAndLeavesNoOutput) {
+    makeRock(Rock{});
+    simulate("measured.txt", 3000, 3e-5, 5e-6);
+    const auto decay = columns(dir_.read("measured.txt"));
+    std::ostringstream few, late;
+    for (std::size_t i = 0; i < 6; ++i) few << decay[i].first << " " << decay[i].second << "\n";
+    for (const auto& [t, a] : decay) late << t * 1e6 + 1e7 << " " << a << "\n";
+    dir_.write("few.txt", few.str());
+    dir_.write("late.txt", "# shifted far beyond the walk\n" + late.str());
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {{"few.txt"}, "few.txt lines 1 to 6 hold 6 points; a fit needs at least 10"},
+        {{"late.txt"}, "late.txt lines 2 to "},
+        {{"measured.txt", "--minerals", "Pyrite"}, "Mineral not in the grid rock.binc: Pyrite"},
+        {{"measured.txt", "--bounds", "1e-4:1e-5"},
+         "--bounds needs LO:HI in m/s with 0 < LO < HI: 1e-4:1e-5"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments.front() + " " + c.message);
+        const auto result = fit(c.arguments);
+        EXPECT_NE(result.exitStatus, 0);
+        EXPECT_NE(result.errorOutput.find("nmrwalk-fit: error: " + c.message), std::string::npos)
+            << result.errorOutput;
+        for (const char* output : {"fit.walk", "nmr.fitted.yaml", "T2fit.png", "T2fit.json"})
+            EXPECT_FALSE(dir_.exists(output)) << output;
+    }
+    EXPECT_NE(fit({"late.txt"}).errorOutput.find("only 0 measured times lie within the simulated"),
+              std::string::npos);
+}
+
+TEST_F(Fit, ALaterFitReusesTheWalkAndAWalkOfAnotherRunIsRefused) {
+    makeRock(Rock{});
+    simulate("measured.txt", 5000, 3e-5, 5e-6);
+    const auto first = fit({"measured.txt", "--bounds", "1e-5:6e-5"});
+    ASSERT_EQ(first.exitStatus, 0) << first.output << first.errorOutput;
+    const std::string walk = dir_.read("fit.walk");
+    EXPECT_TRUE(dir_.exists("nmr.fitted.yaml"));
+    EXPECT_NE(dir_.read("nmr.fitted.yaml").find("echoSpacing: 0.0002"), std::string::npos);
+
+    // Another measurement, narrower bounds, another process count: the same walk.
+    const auto decay = columns(dir_.read("measured.txt"));
+    std::ostringstream half;
+    for (std::size_t i = 0; i < decay.size(); i += 2)
+        half << decay[i].first << " " << decay[i].second << "\n";
+    dir_.write("half.txt", half.str());
+    const auto again = fit({"half.txt", "--bounds", "2e-5:5e-5", "-o", "again.yaml"});
+    ASSERT_EQ(again.exitStatus, 0) << again.output << again.errorOutput;
+    EXPECT_NE(again.output.find("Reusing the recorded walk fit.walk"), std::string::npos);
+    EXPECT_EQ(again.output.find("* Recording walk time"), std::string::npos);
+    EXPECT_EQ(dir_.read("fit.walk"), walk);
+
+    const auto sweep = fit({"half.txt", "--sweep", "Quartz=1e-5:6e-5:4"});
+    ASSERT_EQ(sweep.exitStatus, 0) << sweep.output << sweep.errorOutput;
+    EXPECT_NE(sweep.output.find("Sweep of the Quartz relaxivity"), std::string::npos);
+    EXPECT_NE(sweep.output.find("           6e-05"), std::string::npos);
+
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string yaml;
+        std::string message;
+    };
+    const std::vector<Case> refused = {
+        {{"half.txt", "--bounds", "5e-6:6e-5"},
+         parameters(5000, 4711, 3e-5, 5e-6),
+         "fit.walk was recorded for Clay down to 1.0000000000000001e-05 m/s, and this fit goes "
+         "down to 5.0000000000000004e-06 m/s. Delete it to walk again"},
+        {{"half.txt"},
+         parameters(5000, 4712, 3e-5, 5e-6),
+         "fit.walk belongs to another walk: it was recorded with the seed 4711 and the run now "
+         "has 4712. Delete it to walk again"},
+    };
+    for (const Case& c : refused) {
+        dir_.write("nmr.yaml", c.yaml);
+        const auto result = fit(c.arguments);
+        EXPECT_NE(result.exitStatus, 0);
+        EXPECT_NE(result.errorOutput.find(c.message), std::string::npos) << result.errorOutput;
+        EXPECT_EQ(dir_.read("fit.walk"), walk);
+    }
+}
+
+// A clay-coated grain pack simulated with known relaxivities is handed to the fit as its
+// measurement. The fit starts from other values and must find the quartz relaxivity (most
+// of the pore wall) within 3 %, and the clay relaxivity within its stated uncertainty.
+TEST_F(Fit, RecoversTheRelaxivitiesARunWasMadeWith) {
+    makeRock(Rock{40, 5.0, 0.5});
+    simulate("truth.txt", 100000, 3e-5, 5e-6);
+    dir_.write("nmr.yaml", parameters(40000, 99, 2.2e-5, 7e-6));
+    const auto result = fit({"truth.txt"});
+    ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+    const auto [quartz, quartzU] = fitted(result.output, "Quartz");
+    const auto [clay, clayU] = fitted(result.output, "Clay");
+    EXPECT_NEAR(quartz, 3e-5, 0.03 * 3e-5) << result.output;
+    EXPECT_NEAR(clay, 5e-6, clayU) << result.output;
+    EXPECT_GT(clayU, 0.0);
+    EXPECT_TRUE(dir_.exists("nmr.fitted.yaml"));
+}
+
+}  // namespace
+}  // namespace nmr::test

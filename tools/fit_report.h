@@ -1,0 +1,36 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "fit/relaxivity_fit.h"
+#include "params/nmr_parameters.h"
+#include "tools/decay_file.h"
+#include "tools/fit_options.h"
+
+namespace nmr::tools {
+
+// The T2 distribution of a decay on the parameter file's T2 axis, through the inversion
+// of nmrwalk and nmrwalk-invert.
+struct Distribution {
+    std::vector<double> t2;
+    std::vector<double> amplitude;
+    double logMeanT2 = 0.0;  // ms; NaN without signal
+};
+Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
+                            const NuclearMagneticResonanceParameters& parameters);
+
+// The what-if table of --sweep: per relaxivity the T2LM of the simulated distribution and
+// the misfit.
+void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const SweepRequest& sweep,
+                const NuclearMagneticResonanceParameters& parameters);
+
+// The fit's lines on `out`, the fitted parameter file (the parameter file at
+// parameterPath with the fitted relaxivities in place, everything else as it was), and
+// T2fit.png beside it, drawn by nmrwalk-plot from programDirectory.
+void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::FitResult& result,
+               const fit::FitRequest& request, const MeasuredDecay& measured,
+               const NuclearMagneticResonanceParameters& parameters, const FitOptions& options,
+               const std::string& parameterPath, const std::string& programDirectory);
+
+}  // namespace nmr::tools

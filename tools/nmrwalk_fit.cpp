@@ -1,0 +1,274 @@
+// nmrwalk-fit: surface relaxivities per mineral fitted to a measured decay from one
+// recorded walk. Runs in a run directory under mpiexec like nmrwalk.
+
+#include <mpi.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <thread>
+
+#include "common/exception.h"
+#include "fit/recorded_walk_file.h"
+#include "fit/recording.h"
+#include "fit/relaxivity_fit.h"
+#include "mpi/message_passing.h"
+#include "parallel/grid_distribution.h"
+#include "params/parameter_broadcast.h"
+#include "tools/decay_file.h"
+#include "tools/fit_options.h"
+#include "tools/fit_report.h"
+
+namespace {
+
+using namespace nmr;
+using namespace nmr::tools;
+
+constexpr int kRoot = 0;
+constexpr char kParameterPath[] = "./nmr.yaml";
+constexpr char kRecordingPath[] = "fit.walk";
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// One process's part in a fit. Process 0 reads every file, decides and reports; every
+// decision is broadcast before anyone acts on it, so all processes leave together.
+class FitRun {
+public:
+    FitRun(int argc, char** argv)
+        : argc_(argc), argv_(argv), rank_(mpi::rank()), size_(mpi::size()) {}
+
+    int run() {
+        if (!parseOptions()) return status_;
+        parameters_ = readParametersCollectively(rank_, size_, kParameterPath);
+        if (!parameters_) return 1;
+        if (!agree([&] { readMeasured(); })) return 1;
+        if (!agree([&] { tryRecordedWalk(); })) return 1;
+        bool reuse = recorded_.has_value();
+        mpi::broadcast(reuse, kRoot);
+        if (!reuse && !recordWalk()) return 1;
+        // The other processes wait without spinning while process 0 fits.
+        const bool fitted = rank_ == kRoot ? agreeLater([&] { fitOnRoot(); }) : waitForRoot();
+        return fitted ? 0 : 1;
+    }
+
+private:
+    // Runs step on process 0, prints what went wrong there, and tells everyone.
+    template <typename Step>
+    bool agree(Step&& step) {
+        bool ok = true;
+        if (rank_ == kRoot) ok = succeeded(step);
+        mpi::broadcast(ok, kRoot);
+        return ok;
+    }
+    template <typename Step>
+    bool succeeded(Step&& step) {
+        try {
+            step();
+            return true;
+        } catch (const Exception& e) {
+            std::cerr << "nmrwalk-fit: error: " << e.message() << std::endl;
+        } catch (const std::bad_alloc&) {
+            std::cerr << "nmrwalk-fit: error: out of memory" << std::endl;
+        } catch (const std::exception& e) {
+            std::cerr << "nmrwalk-fit: error: " << e.what() << std::endl;
+        }
+        return false;
+    }
+    template <typename Step>
+    bool agreeLater(Step&& step) {
+        bool ok = succeeded(step);
+        MPI_Request request;
+        MPI_Ibarrier(MPI_COMM_WORLD, &request);
+        MPI_Wait(&request, MPI_STATUS_IGNORE);
+        mpi::broadcast(ok, kRoot);
+        return ok;
+    }
+    bool waitForRoot() {
+        MPI_Request request;
+        MPI_Ibarrier(MPI_COMM_WORLD, &request);
+        for (int done = 0; !done;) {
+            MPI_Test(&request, &done, MPI_STATUS_IGNORE);
+            if (!done) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        bool ok = true;
+        mpi::broadcast(ok, kRoot);
+        return ok;
+    }
+
+    // Every process parses the same command line; process 0 speaks.
+    bool parseOptions() {
+        try {
+            options_ = parseFitOptions(argc_, argv_);
+        } catch (const Exception& e) {
+            if (rank_ == kRoot) std::cerr << "nmrwalk-fit: error: " << e.message() << std::endl;
+            status_ = 1;
+            return false;
+        }
+        if (options_.help) {
+            if (rank_ == kRoot) std::cout << kFitUsage;
+            status_ = 0;
+            return false;
+        }
+        return true;
+    }
+
+    void readMeasured() {
+        measured_ = readDecayFile(options_.measured);
+        if (measured_.times.size() < fit::MeasuredWindow::kLeastPoints) {
+            throw Exception(
+                options_.measured + " lines " + std::to_string(measured_.lines.front()) + " to " +
+                std::to_string(measured_.lines.back()) + " hold " +
+                std::to_string(measured_.times.size()) + " points; a fit needs at least " +
+                std::to_string(fit::MeasuredWindow::kLeastPoints));
+        }
+    }
+
+    // Process 0: a recording left by an earlier fit serves when it was made from the same
+    // grid and parameters and reaches low enough; a recording of anything else is refused.
+    void tryRecordedWalk() {
+        fingerprint_ = walkFingerprint(*parameters_, size_);
+        if (!std::filesystem::exists(kRecordingPath)) return;
+        fit::RecordedWalk walk = fit::readRecordedWalk(kRecordingPath);
+        const std::string difference = fit::fingerprintDifference(walk.fingerprint, fingerprint_);
+        if (!difference.empty()) {
+            throw Exception(std::string(kRecordingPath) + " belongs to another walk: " +
+                            difference + ". Delete it to walk again");
+        }
+        request_ =
+            fitRequest(options_, walk.run.relaxivity, walk.run.counters, parameters_->grid());
+        checkFloorsCover(walk.run, request_, options_, kRecordingPath);
+        std::cout << "Reusing the recorded walk " << kRecordingPath << ": "
+                  << walk.histories.walkers() << " walkers, " << walk.histories.bytes()
+                  << " bytes of contact histories" << std::endl;
+        recorded_ = std::move(walk);
+    }
+
+    // All processes: the walk of nmrwalk, with every walker's contacts recorded.
+    bool recordWalk() {
+        auto stream = std::make_unique<RandomStream>(streamSeed(parameters_->randomSeed(), rank_));
+        DistributionRequest request;
+        request.rank = rank_;
+        request.size = size_;
+        request.gridPath = parameters_->grid();
+        if (const auto* region = parameters_->regionOfInterest()) {
+            request.region = region->regionOfInterest();
+        } else {
+            request.region.enabled = false;
+        }
+        request.numberOfWalkers = parameters_->numberOfWalkers();
+        std::vector<Walker> walkers;
+        std::ostringstream quiet;
+        DistributedGrid grid =
+            distributeGridAndWalkers(request, *stream, walkers, rank_ == kRoot ? std::cout : quiet);
+        if (!grid) return false;
+
+        const RockSummary summary = computeRockSummary(*parameters_, grid.grid());
+        const WalkSetup setup = buildWalkSetup(summary, *parameters_);
+        fit::RecordedRun run;
+        if (!agree([&] {
+                request_ = fitRequest(options_, parameters_->surfaceRelaxationStrengthWater(),
+                                      grid.grid().counters(), parameters_->grid());
+                checkOverlap(measured_, setup.schedule.intervalEndTime, options_.measured);
+            })) {
+            return false;
+        }
+        broadcastRequest();
+        run = fit::describeRecordedRun(*parameters_, summary, setup, grid.grid(),
+                                       floorsOf(request_, options_));
+
+        const auto start = std::chrono::steady_clock::now();
+        // The roulette's own stream: seeded apart from every walk stream of the job.
+        RandomStream roulette(streamSeed(parameters_->randomSeed(), rank_) ^ 0x5bd1e995u);
+        const std::uint32_t chunk = fit::chunkWalkersFor(parameters_->numberOfWalkers());
+        fit::ContactHistories local =
+            grid.plain
+                ? fit::recordWalkers(*grid.plain, walkers, *stream, roulette, run, setup, chunk)
+                : fit::recordWalkers(*grid.compressed, walkers, *stream, roulette, run, setup,
+                                     chunk);
+        const double walkSeconds = mpi::reduce(secondsSince(start), MPI_MAX, kRoot);
+        grid = {};  // collective over each node: every process lets go here
+        fit::ContactHistories all = fit::gatherHistories(std::move(local));
+        return agree([&] {
+            std::cout << "* Recording walk time: " << walkSeconds << std::endl;
+            recorded_ = fit::RecordedWalk{fingerprint_, std::move(run), std::move(all)};
+            fit::writeRecordedWalk(kRecordingPath, *recorded_);
+            std::cout << "Recorded walk " << kRecordingPath << ": "
+                      << recorded_->histories.walkers() << " walkers, "
+                      << recorded_->histories.bytes() << " bytes of contact histories" << std::endl;
+        });
+    }
+
+    // The request as process 0 built it (its checks passed), on every process.
+    void broadcastRequest() {
+        std::vector<std::uint32_t> minerals(request_.minerals.begin(), request_.minerals.end());
+        mpi::broadcast(minerals, kRoot);
+        mpi::broadcast(request_.lower, kRoot);
+        mpi::broadcast(request_.upper, kRoot);
+        request_.minerals.clear();
+        for (std::uint32_t code : minerals)
+            request_.minerals.push_back(static_cast<Mineral::Type>(code));
+    }
+
+    void fitOnRoot() {
+        const auto start = std::chrono::steady_clock::now();
+        const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
+        fit::MeasuredDecay measured{measured_.times, measured_.values};
+        const fit::RelaxivityFit fitter(recorded_->histories, recorded_->run, measured, threads);
+        checkWindow(fitter.window(), measured_, options_.measured);
+        if (options_.sweep) {
+            printSweep(std::cout, fitter, *options_.sweep, *parameters_);
+        } else {
+            const fit::FitResult result =
+                fitter.fit(request_, static_cast<std::uint32_t>(parameters_->randomSeed()));
+            reportFit(std::cout, fitter, result, request_, measured_, *parameters_, options_,
+                      kParameterPath, programDirectory());
+        }
+        std::cout << "Fit time (s): " << secondsSince(start) << std::endl;
+    }
+
+    std::string programDirectory() const {
+        std::error_code error;
+        const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+        return error ? std::string(".") : self.parent_path().string();
+    }
+
+    int argc_;
+    char** argv_;
+    const int rank_;
+    const int size_;
+    int status_ = 1;
+    FitOptions options_;
+    std::unique_ptr<NuclearMagneticResonanceParameters> parameters_;
+    MeasuredDecay measured_;
+    fit::Fingerprint fingerprint_;
+    fit::FitRequest request_;
+    std::optional<fit::RecordedWalk> recorded_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    MPI_Init(&argc, &argv);
+    int status = 1;
+    {
+        FitRun run(argc, argv);
+        try {
+            status = run.run();
+        } catch (const nmr::Exception& e) {
+            std::cerr << "nmrwalk-fit: error: " << e.message() << std::endl;
+            MPI_Abort(MPI_COMM_WORLD, 1);
+        } catch (const std::exception& e) {
+            std::cerr << "nmrwalk-fit: error: " << e.what() << std::endl;
+            MPI_Abort(MPI_COMM_WORLD, 1);
+        }
+    }
+    MPI_Finalize();
+    return status;
+}
