@@ -6,9 +6,11 @@
 #include <memory>
 
 #include <exception>
+#include <filesystem>
 #include <iostream>
 #include <vector>
 
+#include "app/checkpoint.h"
 #include "app/command_line.h"
 #include "app/job_control.h"
 #include "app/walker_loop.h"
@@ -17,6 +19,7 @@
 #include "parallel/grid_distribution.h"
 #include "params/nmr_parameters.h"
 #include "params/parameter_broadcast.h"
+#include "params/parameter_file.h"
 #include "simulation/rock_summary.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
@@ -70,12 +73,15 @@ public:
 
         status_ = pollJobStatus(JobStatus::Running, rank_);
         if (status_ != JobStatus::Running) return finish(kEarlyEnd);
+        const std::uint32_t firstWalker = takeUpCheckpoint();
         // A stop or abort seen during the walk discards the partial counts: no curve, no
-        // output file and no timing report from this run.
-        if (!walkAllWalkers()) return finish(kEarlyEnd);
+        // output file and no timing report from this run. The last checkpoint stays, so
+        // the job can be taken up again later.
+        if (!walkAllWalkers(firstWalker)) return finish(kEarlyEnd);
         if (!collectAndWriteResults()) return finish(kEarlyEnd);
         pollJobStatus(JobStatus::Stopped, rank_);
         if (rank_ == 0) printTiming();
+        removeCheckpoint(rank_);
         return finish(kComplete);
     }
 
@@ -91,6 +97,11 @@ private:
 
     bool readParameters() {
         parameters_ = readParametersCollectively(rank_, size_, kParameterPath);
+        if (parameters_ && rank_ == 0) {
+            for (const std::string& line : meaninglessParameterWarnings(*parameters_)) {
+                std::cerr << line << std::endl;
+            }
+        }
         return parameters_ != nullptr;
     }
 
@@ -128,11 +139,115 @@ private:
         return static_cast<bool>(grid_);
     }
 
-    bool walkAllWalkers() {
+    // A checkpoint of this very run (same parameters, grid, seed, processes, grid mode)
+    // on every process, all taken at the same poll, puts each process back where it
+    // stood: the rest of the walk is then exactly that of an uninterrupted run. Anything
+    // else is ignored with a warning and the walk starts afresh. Collective.
+    std::uint32_t takeUpCheckpoint() {
+        const bool found =
+            mpi::allReduce(std::filesystem::exists(checkpointPath(rank_)) ||
+                               std::filesystem::exists(previousCheckpointPath(rank_)),
+                           MPI_LOR);
+        bool checkpoints = rank_ == 0 && parameters_->checkpointInterval() > 0.0;
+        mpi::broadcast(checkpoints, 0);
+        checkpointsOn_ = checkpoints;
+        lastCheckpoint_ = MPI_Wtime();
+        if (!found && !checkpoints) return 0;
+        std::string fingerprint;
+        if (rank_ == 0) {
+            try {
+                fingerprint =
+                    runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
+                                   parameters_->randomSeed(), size_, grid_.compressed != nullptr);
+            } catch (const Exception&) {
+                fingerprint.clear();  // the grid file is gone: nothing to resume or save
+            }
+        }
+        mpi::broadcast(fingerprint, 0);
+        fingerprint_ = fingerprint;
+        if (fingerprint_.empty()) checkpointsOn_ = false;
+        if (!found || fingerprint_.empty()) return 0;
+
+        // This process's checkpoints of this run: the latest and the one before it.
+        std::string problem;
+        std::vector<WalkCheckpoint> mine;
+        for (const auto& path : {checkpointPath(rank_), previousCheckpointPath(rank_)}) {
+            auto saved = readCheckpoint(path, problem);
+            if (!saved) continue;
+            if (saved->fingerprint != fingerprint_) {
+                problem = "it belongs to another run (" + saved->fingerprint + ")";
+            } else if (saved->rank == rank_ && saved->size == size_ &&
+                       saved->localWalkers == walkers_.size() &&
+                       saved->counts.size() == histogram_.counts().size()) {
+                mine.push_back(std::move(*saved));
+            }
+        }
+        // Every process saves at the same polls, so the latest checkpoint that all hold is
+        // the smallest of their latest ones; each must hold that one too.
+        std::uint32_t latest = 0;
+        for (const auto& c : mine) latest = std::max(latest, c.nextWalker);
+        const std::uint32_t common = mpi::allReduce(mine.empty() ? 0u : latest, MPI_MIN);
+        const WalkCheckpoint* saved = nullptr;
+        for (const auto& c : mine) {
+            if (c.nextWalker == common) saved = &c;
+        }
+        if (!mpi::allTrue(saved != nullptr)) {
+            if (rank_ == 0) {
+                std::cerr << "Warning: ignoring the checkpoint files, the walk starts afresh: "
+                          << (problem.empty() ? "they do not all belong to this run" : problem)
+                          << std::endl;
+            }
+            return 0;
+        }
+        const std::uint32_t next = common;
+        *stream_ = saved->stream;
+        histogram_.restore(saved->counts, saved->localMaximum);
+        const long long done = mpi::allReduce(static_cast<long long>(next), MPI_SUM);
+        if (rank_ == 0) {
+            std::cout << "Resuming from checkpoint: " << done << " of "
+                      << parameters_->numberOfWalkers() << " walkers" << std::endl;
+        }
+        return next;
+    }
+
+    // After a poll: when the interval has passed, every process saves where it stands.
+    // The decision is process 0's, so all processes save at the same poll. A checkpoint
+    // that cannot be written costs a warning, never the run.
+    void checkpointIfDue(std::uint32_t walkersDone) {
+        bool due = rank_ == 0 && MPI_Wtime() - lastCheckpoint_ >= parameters_->checkpointInterval();
+        mpi::broadcast(due, 0);
+        if (!due) return;
+        bool written = true;
+        try {
+            WalkCheckpoint checkpoint;
+            checkpoint.fingerprint = fingerprint_;
+            checkpoint.rank = rank_;
+            checkpoint.size = size_;
+            checkpoint.localWalkers = static_cast<std::uint32_t>(walkers_.size());
+            checkpoint.nextWalker = walkersDone;
+            checkpoint.stream = *stream_;
+            checkpoint.counts = histogram_.counts();
+            checkpoint.localMaximum = histogram_.localMaximum();
+            writeCheckpoint(checkpoint);
+        } catch (const Exception&) {
+            written = false;
+        }
+        if (!mpi::allTrue(written) && rank_ == 0) {
+            std::cerr << "Warning: a checkpoint could not be written; the walk goes on"
+                      << std::endl;
+        }
+        lastCheckpoint_ = MPI_Wtime();
+    }
+
+    bool walkAllWalkers(std::uint32_t firstWalker) {
+        AfterPoll afterPoll;
+        if (checkpointsOn_) afterPoll = [this](std::uint32_t done) { checkpointIfDue(done); };
         return grid_.plain ? runWalkerLoop(*grid_.plain, walkers_, *stream_, setup_, summary_,
-                                           rank_, status_, histogram_, std::cout, simulationStart_)
+                                           rank_, status_, histogram_, std::cout, simulationStart_,
+                                           firstWalker, afterPoll)
                            : runWalkerLoop(*grid_.compressed, walkers_, *stream_, setup_, summary_,
-                                           rank_, status_, histogram_, std::cout, simulationStart_);
+                                           rank_, status_, histogram_, std::cout, simulationStart_,
+                                           firstWalker, afterPoll);
     }
 
     // The slowest process's walk time and the summed histogram reach process 0, which
@@ -216,6 +331,9 @@ private:
     AbsorptionHistogram histogram_{kIntervalCount};
     double simulationStart_ = 0.0;
     double simulationSeconds_ = 0.0;
+    bool checkpointsOn_ = false;
+    std::string fingerprint_;      // of this run, for its checkpoints
+    double lastCheckpoint_ = 0.0;  // MPI_Wtime() seconds
 };
 
 }  // namespace

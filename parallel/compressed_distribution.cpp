@@ -95,6 +95,7 @@ DistributedGrid distributeCompressed(const DistributionRequest& request, RandomS
                                              quiet, progress);
         });
     }
+    if (read && total > 0 && !hasStartablePore(*read, console)) read.reset();
     bool present = static_cast<bool>(read);
     mpi::broadcast(present, kRoot);
     if (!present) return {};

@@ -44,6 +44,12 @@ GridLoadOptions loadOptions(const DistributionRequest& request);
 bool checkVoxels(const ByteMineralGrid& grid, std::ostream& console);
 bool checkVoxels(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream& console);
 
+// Walkers start at positions in [0, size - 1) on every axis (a size of 1 gives 0), so only
+// the cells of that box can take one. Without a pore cell there, placement would draw
+// for ever; process 0 then prints why.
+bool hasStartablePore(const ByteMineralGrid& grid, std::ostream& console);
+bool hasStartablePore(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream& console);
+
 // Process 0 reads and prints "* Read grid time: "; load() returns the grid or throws.
 template <typename Load>
 auto timedRead(const std::string& path, std::ostream& console, Load&& load) -> decltype(load()) {

@@ -105,6 +105,43 @@ bool checkVoxels(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream&
     return true;
 }
 
+namespace {
+
+std::uint32_t startableExtent(std::uint32_t n) { return n > 1 ? n - 1 : n; }
+
+bool reportNoStartablePore(std::ostream& console) {
+    console << "No pore voxel where walkers can start: check the grid and the region of "
+               "interest."
+            << std::endl;
+    return false;
+}
+
+}  // namespace
+
+bool hasStartablePore(const ByteMineralGrid& grid, std::ostream& console) {
+    const std::uint32_t nx = startableExtent(grid.nx());
+    for (std::uint32_t z = 0; z < startableExtent(grid.nz()); ++z)
+        for (std::uint32_t y = 0; y < startableExtent(grid.ny()); ++y) {
+            const std::uint8_t* row = grid.sliceData(z) + static_cast<std::size_t>(y) * grid.nx();
+            if (std::find(row, row + nx, std::uint8_t{Mineral::Pore}) != row + nx) return true;
+        }
+    return reportNoStartablePore(console);
+}
+
+bool hasStartablePore(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream& console) {
+    // Block by block, so each block is expanded once.
+    const std::uint32_t ex = startableExtent(grid.nx()), ey = startableExtent(grid.ny()),
+                        ez = startableExtent(grid.nz());
+    for (std::uint32_t b = 0; b < grid.blockCount(); ++b) {
+        const BlockBounds& r = grid.blockBounds(b);
+        for (std::uint32_t z = r.z0; z < std::min(r.z1, ez); ++z)
+            for (std::uint32_t y = r.y0; y < std::min(r.y1, ey); ++y)
+                for (std::uint32_t x = r.x0; x < std::min(r.x1, ex); ++x)
+                    if (grid.at(x, y, z) == Mineral::Pore) return true;
+    }
+    return reportNoStartablePore(console);
+}
+
 void broadcastCounters(Grid<Mineral::Type>* grid, int rank) {
     std::vector<long long> wire;
     if (rank == kRoot) wire.assign(grid->counters().begin(), grid->counters().end());

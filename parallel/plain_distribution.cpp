@@ -146,6 +146,13 @@ DistributedGrid distributePlain(const DistributionRequest& request, const GridPl
         if (mpi::allReduce(copy ? 1 : 0, MPI_BAND) == 0) return {};
     }
 
+    bool startable = true;
+    if (rank == kRoot && request.numberOfWalkers > 0) {
+        startable = hasStartablePore(*copy.plain, console);
+    }
+    mpi::broadcast(startable, kRoot);
+    if (!startable) return {};
+
     bool created = attempt([&] {
         createWalkers(stream, makeWalkGridView(*copy.plain),
                       localWalkerCount(request.numberOfWalkers, rank, request.size), walkers);

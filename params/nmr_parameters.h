@@ -129,6 +129,12 @@ public:
     std::int32_t t2Components() const { return t2Components_; }
     void setT2Components(std::int32_t value) { t2Components_ = value; }
 
+    // Seconds between checkpoints of the walk; 0 (or less) takes none. Optional in the
+    // file and never written to it: the template stays as it always was. Only process 0
+    // reads it, and it decides for every process.
+    double checkpointInterval() const { return checkpointInterval_; }
+    void setCheckpointInterval(double value) { checkpointInterval_ = value; }
+
 private:
     std::int32_t numberOfWalkers_ = 0;
     double gyroMagneticRatio_ = 0.0;
@@ -154,6 +160,7 @@ private:
     double t2Minimum_ = 0.0001;
     double t2Maximum_ = 10000.0;
     std::int32_t t2Components_ = 100;
+    double checkpointInterval_ = 600.0;
 };
 
 }  // namespace nmr

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <sstream>
 
 #include "common/exception.h"
 #include "grid/mineral.h"
@@ -158,6 +159,10 @@ void fill(const YAML::Node& node, Record& record) {
             std::clamp(components.as<std::int32_t>(), kMinT2Components, kMaxT2Components));
     }
 
+    if (const YAML::Node interval = node["checkpointInterval"]) {
+        record.setCheckpointInterval(interval.as<double>());
+    }
+
     // An axis is only taken whole: one end alone, or an empty or inverted range, leaves the
     // default axis rather than a half-edited one.
     const YAML::Node t2Min = node["t2Minimum"];
@@ -242,6 +247,30 @@ void writeParameterFile(const std::string& path, const Record& parameters) {
     out << text << '\n';
     out.flush();
     if (!out) throw Exception("Could not write file: " + path);
+}
+
+std::vector<std::string> meaninglessParameterWarnings(const Record& parameters) {
+    std::vector<std::string> lines;
+    auto number = [](double value) {
+        std::ostringstream text;
+        text << value;
+        return text.str();
+    };
+    if (!(parameters.diffusionConstantWater() > 0.0)) {
+        lines.push_back("Warning: diffusionConstantWater is " +
+                        number(parameters.diffusionConstantWater()) +
+                        ": walkers then take no time to move, so the decay's times mean nothing");
+    }
+    if (!(parameters.stepLength() > 0.0)) {
+        lines.push_back("Warning: stepLength is " + number(parameters.stepLength()) +
+                        ": walkers do not move, so the decay is not that of the rock");
+    }
+    if (parameters.numberOfWalkers() <= 0) {
+        lines.push_back("Warning: numberOfWalkers is " +
+                        std::to_string(parameters.numberOfWalkers()) +
+                        ": no walker is simulated, so the decay has no points");
+    }
+    return lines;
 }
 
 Record templateParameters() {

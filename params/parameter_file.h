@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "params/nmr_parameters.h"
 
@@ -27,6 +28,12 @@ std::string encodeParameters(const NuclearMagneticResonanceParameters& parameter
 // Throws nmr::Exception when the file cannot be written.
 void writeParameterFile(const std::string& path,
                         const NuclearMagneticResonanceParameters& parameters);
+
+// One line per setting that makes a run meaningless though it runs (a diffusion constant
+// of 0, as the template has, a step or a walker count that is not positive), naming the
+// key; empty when there is none. For the caller to show: the run itself goes on.
+std::vector<std::string> meaninglessParameterWarnings(
+    const NuclearMagneticResonanceParameters& parameters);
 
 // Example values that make a runnable starting point for a new sample.
 NuclearMagneticResonanceParameters templateParameters();

@@ -1,7 +1,5 @@
 #include "tools/fit_options.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -9,6 +7,7 @@
 #include <sstream>
 
 #include "common/exception.h"
+#include "io/file_checksum.h"
 #include "tools/option_parser.h"
 
 namespace nmr::tools {
@@ -80,23 +79,6 @@ Mineral::Type knownMineral(const std::string& name, const std::string& option) {
 std::string number(double value) {
     char text[32];
     std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
-}
-
-std::string fileChecksum(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw Exception("Unable to read grid file: " + path);
-    uLong crc = crc32(0L, Z_NULL, 0);
-    std::vector<char> buffer(1 << 20);
-    std::uint64_t size = 0;
-    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0) {
-        const auto n = static_cast<uInt>(in.gcount());
-        crc = crc32(crc, reinterpret_cast<const Bytef*>(buffer.data()), n);
-        size += n;
-    }
-    char text[64];
-    std::snprintf(text, sizeof text, "crc32 %08lx, %llu bytes", crc,
-                  static_cast<unsigned long long>(size));
     return text;
 }
 

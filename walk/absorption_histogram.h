@@ -19,6 +19,11 @@ public:
         ++counts_.at(result);
         if (result > localMaximum_) localMaximum_ = result;
     }
+    // Takes up a histogram saved part-way through a walk.
+    void restore(std::vector<std::uint32_t> counts, std::uint32_t localMaximum) {
+        counts_ = std::move(counts);
+        localMaximum_ = localMaximum;
+    }
     const std::vector<std::uint32_t>& counts() const { return counts_; }
     std::vector<std::uint32_t>& counts() { return counts_; }
     std::uint32_t localMaximum() const { return localMaximum_; }

@@ -1,0 +1,278 @@
+// Runs that are killed, that meet a full or read-only disk, or that have nowhere to put a
+// walker: nmrwalk must take a killed walk up again exactly, never leave a half-written
+// output, and end every process with a message instead of hanging.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "e2e_support.h"
+#include "io/grain_bed_grid_writer.h"
+
+namespace nmr::test {
+namespace {
+
+// Quartz slabs every 12 cells along z (or the lowest `solid` layers all quartz): walkers
+// live long enough for a run of a couple of seconds to pass several checkpoints.
+void writeRock(const std::filesystem::path& path, std::uint32_t n, std::uint32_t solid) {
+    GrainBedGridWriter writer(path.string(), n, n, n, 0, 0, 0, 1.0);
+    std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(n) * n);
+    for (std::uint32_t z = 0; z < n; ++z) {
+        const bool wall = solid == 0 ? z % 12 == 0 : z < solid;
+        std::fill(slice.begin(), slice.end(),
+                  GrainBedGridCell::make(0, wall ? Mineral::Quartz : Mineral::Pore));
+        writer.writeSlice(slice.data());
+    }
+    writer.close();
+}
+
+std::string parameters(const std::string& grid, int walkers, double diffusion,
+                       const std::string& extra, const std::string& region = "",
+                       bool subsample = false) {
+    std::ostringstream yaml;
+    yaml << "NuclearMagneticResonanceParameters:\n"
+         << "  grid: " << grid << "\n"
+         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.001\n  magneticFieldGradient: 0.2\n"
+         << "  saturationFile: false\n  waterSaturation: 1.0\n  clayMicroPorosity: 0.3\n"
+         << "  bulkWaterT2: 3.0\n  diffusionConstantWater: " << diffusion
+         << "\n  diffusionConstantOil: 1e-10\n"
+         << "  surfaceRelaxationStrengthWater: {Quartz: 2.0e-5}\n"
+         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
+         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
+         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: 8008\n"
+         << "  subsampleCalculation: " << (subsample ? "true" : "false") << "\n"
+         << "  regionOfInterest: "
+         << (region.empty() ? "{x: [0, 4], y: [0, 4], z: [0, 4]}" : region)
+         << "\n  t2Components: 40\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n"
+         << extra;
+    return yaml.str();
+}
+
+CommandResult runIn(const std::filesystem::path& dir, int processes = 2,
+                    const std::vector<std::string>& arguments = {}) {
+    return runCommand(nmrwalkCommand(processes, arguments), dir, std::chrono::seconds(600),
+                      launcherEnvironment());
+}
+
+std::filesystem::file_time_type modified(const std::filesystem::path& path) {
+    std::error_code error;
+    return std::filesystem::last_write_time(path, error);
+}
+
+// Starts the run, waits until `checkpoints` checkpoints of process 0 have been written
+// (each replaces the file), then either kills every process of the job with SIGKILL or,
+// with `abortFile`, asks the job to stop through "ABORT".
+void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = false) {
+    std::atomic<bool> finished{false};
+    std::thread job([&] {
+        runIn(dir.path());
+        finished = true;
+    });
+    const auto checkpoint = dir / "nmrwalk.checkpoint.0";
+    std::filesystem::file_time_type last{};
+    int seen = 0;
+    while (!finished && seen < checkpoints) {
+        const auto now = modified(checkpoint);
+        if (std::filesystem::exists(checkpoint) && now != last) {
+            last = now;
+            ++seen;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    if (abortFile) {
+        dir.write("ABORT", "");
+    } else {
+        std::system(("pkill -KILL -f " + shellQuoted(std::string("^") + NMR_NMRWALK)).c_str());
+    }
+    job.join();
+    ASSERT_FALSE(finished && seen < checkpoints) << "the run ended before it was interrupted";
+}
+
+const char* const kFrequentCheckpoints = "  checkpointInterval: 0.05\n";
+
+class Checkpoint : public ::testing::Test {
+protected:
+    void SetUp() override {
+        writeRock(reference_ / "rock.binc", 48, 0);
+        reference_.write("nmr.yaml", parameters("rock.binc", 20000, 2.5e-9, ""));
+        const auto whole = runIn(reference_.path());
+        ASSERT_EQ(whole.exitStatus, 0) << whole.output << whole.errorOutput;
+    }
+    void prepare(const ScratchDirectory& dir, int seed = 8008) {
+        writeRock(dir / "rock.binc", 48, 0);
+        std::string yaml = parameters("rock.binc", 20000, 2.5e-9, kFrequentCheckpoints);
+        yaml.replace(yaml.find("randomSeed: 8008"), 16, "randomSeed: " + std::to_string(seed));
+        dir.write("nmr.yaml", yaml);
+    }
+    // A run in dir that finishes the walk must write exactly the reference's files and
+    // leave no checkpoint behind.
+    void expectFinishedLikeTheReference(const ScratchDirectory& dir, bool resumed) {
+        const auto result = runIn(dir.path());
+        ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+        EXPECT_EQ(result.output.find("Resuming from checkpoint: ") != std::string::npos, resumed)
+            << result.output << result.errorOutput;
+        if (resumed) {
+            EXPECT_NE(result.output.find(" of 20000 walkers\n"), std::string::npos);
+        }
+        EXPECT_EQ(dir.read("T2decay.out"), reference_.read("T2decay.out"));
+        EXPECT_EQ(dir.read("T2inversion.out"), reference_.read("T2inversion.out"));
+        for (const char* file : {"nmrwalk.checkpoint.0", "nmrwalk.checkpoint.1",
+                                 "nmrwalk.checkpoint.0.previous", "nmrwalk.checkpoint.1.previous"})
+            EXPECT_FALSE(dir.exists(file)) << file;
+    }
+    ScratchDirectory reference_;
+};
+
+TEST_F(Checkpoint, AKilledRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
+    for (int checkpoints : {1, 4}) {
+        SCOPED_TRACE(std::to_string(checkpoints) + " checkpoints before the kill");
+        ScratchDirectory dir;
+        prepare(dir);
+        interrupt(dir, checkpoints);
+        EXPECT_FALSE(dir.exists("T2decay.out"));
+        ASSERT_TRUE(dir.exists("nmrwalk.checkpoint.0"));
+        expectFinishedLikeTheReference(dir, true);
+    }
+}
+
+TEST_F(Checkpoint, AbortKeepsTheCheckpointToTakeUpLater) {
+    ScratchDirectory dir;
+    prepare(dir);
+    interrupt(dir, 2, true);
+    EXPECT_FALSE(dir.exists("T2decay.out"));
+    ASSERT_TRUE(dir.exists("nmrwalk.checkpoint.0"));
+    std::filesystem::remove(dir / "ABORT");
+    expectFinishedLikeTheReference(dir, true);
+}
+
+TEST_F(Checkpoint, OneOfAnotherRunIsIgnoredWithAWarning) {
+    ScratchDirectory dir;
+    prepare(dir, 8009);  // another seed is another walk
+    interrupt(dir, 2);
+    ASSERT_TRUE(dir.exists("nmrwalk.checkpoint.0"));
+    prepare(dir);
+    const auto result = runIn(dir.path());
+    ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("Warning: ignoring the checkpoint files, the walk starts "
+                                      "afresh: it belongs to another run"),
+              std::string::npos)
+        << result.errorOutput;
+    EXPECT_EQ(dir.read("T2decay.out"), reference_.read("T2decay.out"));
+}
+
+// A run directory on a small file system of its own, which the test can fill or make
+// read-only. Mounting needs root; without it the test is skipped.
+class SmallDisk : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mount_ = dir_ / "disk";
+        std::filesystem::create_directories(mount_);
+        if (::geteuid() != 0 || ::mount("tmpfs", mount_.c_str(), "tmpfs", 0, "size=256k") != 0) {
+            GTEST_SKIP() << "needs root to mount a small tmpfs";
+        }
+        mounted_ = true;
+        writeRock(dir_ / "rock.binc", 16, 0);
+        std::ofstream(mount_ / "nmr.yaml")
+            << parameters((dir_ / "rock.binc").string(), 400, 2.5e-9, "");
+    }
+    void TearDown() override {
+        if (mounted_) ::umount(mount_.c_str());
+    }
+    ScratchDirectory dir_;
+    std::filesystem::path mount_;
+    bool mounted_ = false;
+};
+
+// Fills the disk but for `pages` pages of 4 KiB.
+void fill(const std::filesystem::path& disk, std::uint64_t pages) {
+    struct statvfs fs {};
+    ASSERT_EQ(::statvfs(disk.c_str(), &fs), 0);
+    const std::uint64_t free = static_cast<std::uint64_t>(fs.f_bavail) * fs.f_frsize;
+    ASSERT_GE(free, pages * 4096);
+    std::ofstream filler(disk / "filler", std::ios::binary);
+    const std::string bytes(free - pages * 4096, 'x');
+    filler.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+TEST_F(SmallDisk, FullDiskEndsEveryProcessWithAMessageAndNoOutput) {
+    // Room for the two job files that hold text, not for the decay: the output is refused.
+    fill(mount_, 2);
+    auto result = runIn(mount_);
+    EXPECT_EQ(result.exitStatus, 255) << result.output << result.errorOutput;
+    EXPECT_NE(result.output.find("ERROR: Unable to write output file: ./T2decay.out"),
+              std::string::npos)
+        << result.output;
+    for (const char* file : {"T2decay.out", "T2decay.out.writing", "T2inversion.out"})
+        EXPECT_FALSE(std::filesystem::exists(mount_ / file)) << file;
+    // No room at all: the job files already fail, and the job ends there.
+    for (const char* file : {"filler", "PROGRESS", "message.txt"})
+        std::filesystem::remove(mount_ / file);
+    fill(mount_, 0);
+    result = runIn(mount_);
+    EXPECT_EQ(result.exitStatus, 255) << result.output << result.errorOutput;
+    EXPECT_NE(result.output.find("ERROR: Unable to write PROGRESS file\nJob aborted!\n"),
+              std::string::npos)
+        << result.output;
+    EXPECT_FALSE(std::filesystem::exists(mount_ / "T2decay.out"));
+}
+
+TEST_F(SmallDisk, ReadOnlyRunDirectoryEndsEveryProcessWithAMessage) {
+    ASSERT_EQ(::mount("tmpfs", mount_.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=256k"), 0);
+    const auto result = runIn(mount_);
+    EXPECT_EQ(result.exitStatus, 255) << result.output << result.errorOutput;
+    EXPECT_NE(result.output.find("ERROR: Unable to write STARTED file\nJob aborted!\n"),
+              std::string::npos)
+        << result.output;
+}
+
+TEST(PorelessRock, EndsEveryProcessInsteadOfDrawingForEver) {
+    struct Case {
+        std::string name;
+        std::uint32_t solidLayers;  // z layers of quartz from the bottom; 16 is all
+        std::string region;
+        int processes;
+        std::vector<std::string> arguments;
+    };
+    const std::vector<Case> cases = {
+        {"all quartz", 16, "", 2, {}},
+        {"region in the solid", 8, "{x: [0, 16], y: [0, 16], z: [0, 8]}", 3, {}},
+        // Pore only in the top layer, which no walker can start in.
+        {"pore in the top layer only", 15, "", 1, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ScratchDirectory dir;
+        writeRock(dir / "rock.binc", 16, c.solidLayers);
+        dir.write("nmr.yaml",
+                  parameters("rock.binc", 100, 2.5e-9, "", c.region, !c.region.empty()));
+        const auto result = runIn(dir.path(), c.processes, c.arguments);
+        EXPECT_FALSE(result.timedOut);
+        EXPECT_EQ(result.exitStatus, 255) << result.output << result.errorOutput;
+        EXPECT_NE(result.output.find("No pore voxel where walkers can start: check the grid and "
+                                     "the region of interest.\n"),
+                  std::string::npos)
+            << result.output;
+        EXPECT_FALSE(dir.exists("T2decay.out"));
+    }
+}
+
+TEST(MeaninglessParameters, WarnOnStandardErrorAndLeaveTheRunAsItWas) {
+    ScratchDirectory dir;
+    writeRock(dir / "rock.binc", 16, 0);
+    dir.write("nmr.yaml", parameters("rock.binc", 0, 0.0, ""));
+    const auto result = runIn(dir.path(), 1);
+    EXPECT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("Warning: diffusionConstantWater is 0"), std::string::npos)
+        << result.errorOutput;
+    EXPECT_NE(result.errorOutput.find("Warning: numberOfWalkers is 0"), std::string::npos);
+    EXPECT_EQ(result.errorOutput.find("stepLength"), std::string::npos);
+    EXPECT_EQ(result.output.find("Warning"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace nmr::test
