@@ -1,5 +1,6 @@
 #include "io/grid_loader.h"
 
+#include <filesystem>
 #include <fstream>
 #include <new>
 #include <type_traits>
@@ -46,12 +47,34 @@ OpenGridFile openGridFile(const std::string& name, LoggerBase& logger) {
     throw FileAccessException("Could not load grid from file " + name);
 }
 
-// Makes the grid, turning every way of failing into the loader's own error.
-template <typename Make>
-auto createGrid(const GridLoadGeometry& g, const std::string& name, LoggerBase& logger, Make make) {
+void checkGridSizes(const GridLoadGeometry& g, const std::string& name, LoggerBase& logger) {
     for (std::uint16_t s : g.size) {
         if (static_cast<std::int16_t>(s) <= 0) noGrid(name, logger);
     }
+}
+
+// deflate codes at most 258 bytes in two bits, so a gzip file never decodes to more than
+// about 1032 times its size on disk, and the legacy stream refuses chunks above 1040:1.
+// A header asking for more records than that can hold is damaged; saying so before the
+// grid is made keeps a file of a few hundred bytes from asking for terabytes, and gives
+// the error that reading the records would end with anyway.
+constexpr std::uint64_t kMaxDecodedBytesPerFileByte = 1100;
+
+void checkRecordsFit(const OpenGridFile& file, LoggerBase& logger) {
+    std::error_code error;
+    const std::uint64_t onDisk = std::filesystem::file_size(file.in->fileName(), error);
+    if (error) return;  // reading will tell
+    const GrainBedGridHeader& h = file.header;
+    const std::uint64_t records = static_cast<std::uint64_t>(h.nx) * h.ny * h.nz;
+    if (records * grain_bed_grid::kRecordBytes > onDisk * kMaxDecodedBytesPerFileByte) {
+        logger.error("Binary grain bed grid file corrupted. Did not find enough data for a grid");
+        throw FileAccessException("Did not find enough data for a grid");
+    }
+}
+
+// Makes the grid, turning every way of failing into the loader's own error.
+template <typename Make>
+auto createGrid(const std::string& name, LoggerBase& logger, Make make) {
     try {
         return make();
     } catch (const MemoryAllocationException&) {
@@ -109,7 +132,9 @@ auto loadInto(const std::string& fileName, const GridLoadOptions& options, Logge
         OpenGridFile file = openGridFile(name, logger);
         progress.start("Loading grain bed grid...", file.header.nz);
         const GridLoadGeometry g = computeGridLoadGeometry(file.header, options);
-        auto grid = createGrid(g, name, logger, [&] { return make(g, file.header); });
+        checkGridSizes(g, name, logger);
+        checkRecordsFit(file, logger);
+        auto grid = createGrid(name, logger, [&] { return make(g, file.header); });
         readCells(file, g, options, logger, progress,
                   [&](std::uint32_t x, std::uint32_t y, std::uint32_t z, Mineral::Type code) {
                       place(*grid, x, y, z, code);

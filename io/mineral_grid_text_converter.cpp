@@ -68,15 +68,20 @@ void convertMineralGridText(const std::string& textFile, const std::string& grid
     GrainBedGridWriter writer(gridFile, header.nx, header.ny, header.nz, 0, 0, 0, header.cellSize,
                               &logger, "Unable to save binary file header: ");
     try {
-        std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(header.nx) * header.ny);
+        // The slice grows with the cells actually read instead of being sized from the
+        // header: a damaged header of a few bytes (32767 x 32767 cells a slice) must end in
+        // "Unexpected end of file", not in a 4 GB allocation first.
+        const std::size_t sliceCells = static_cast<std::size_t>(header.nx) * header.ny;
+        std::vector<GrainBedGridCell> slice;
         for (std::uint32_t z = 0; z < header.nz; ++z) {
-            for (GrainBedGridCell& cell : slice) {
+            slice.clear();
+            while (slice.size() < sliceCells) {
                 const auto code = readValue<std::int64_t>(in);
                 if (code < 0 || code >= Mineral::count()) {
                     throw FileAccessException("Invalid mineral type: not a mineral grid file.(" +
                                               textFile + ")");
                 }
-                cell = GrainBedGridCell::make(0, static_cast<std::uint32_t>(code));
+                slice.push_back(GrainBedGridCell::make(0, static_cast<std::uint32_t>(code)));
             }
             writer.writeSlice(slice.data());
         }

@@ -57,7 +57,6 @@ TiffStackReader::TiffStackReader(const std::string& path) : path_(path) {
         checkPage(page);
     }
     if (!TIFFSetDirectory(tif_.get(), 0)) fail("Cannot read page 0 of: " + path);
-    line_.resize(static_cast<std::size_t>(TIFFScanlineSize64(tif_.get())));
 }
 
 void TiffStackReader::Closer::operator()(TIFF* handle) const { TIFFClose(handle); }
@@ -94,6 +93,10 @@ void TiffStackReader::readSlice(std::int32_t* labels) {
         fail("No more pages in " + path_ + " after page: " + std::to_string(shape_.nz - 1));
     if (nextSlice_ > 0 && !TIFFReadDirectory(tif_.get()))
         fail("Cannot read page " + std::to_string(nextSlice_) + " of: " + path_);
+    // The row buffer is sized at the first read, not when the stack is opened: a page that
+    // claims billions of pixels a row (which the importer then refuses) must not cost
+    // gigabytes before anyone has looked at its shape.
+    if (line_.empty()) line_.resize(static_cast<std::size_t>(TIFFScanlineSize64(tif_.get())));
     // Samples are in host byte order once libtiff has read them.
     constexpr bool hostBigEndian = std::endian::native == std::endian::big;
     for (std::uint32_t y = 0; y < shape_.ny; ++y) {

@@ -1,11 +1,27 @@
 #include "tools/volume_reader.h"
 
 #include <filesystem>
+#include <limits>
 #include <system_error>
 
 #include "common/exception.h"
 
 namespace nmr::tools {
+
+namespace {
+
+// nx * ny * nz voxels of the shape's type in bytes, or nothing when that exceeds 64 bits.
+// Sizes up to 2^32 - 1 each can wrap a 64-bit product round to a small number.
+std::optional<std::uint64_t> volumeBytes(const VolumeShape& shape) {
+    std::uint64_t bytes = bytesPerVoxel(shape.type);
+    for (std::uint64_t n : {shape.nx, shape.ny, shape.nz}) {
+        if (n != 0 && bytes > std::numeric_limits<std::uint64_t>::max() / n) return std::nullopt;
+        bytes *= n;
+    }
+    return bytes;
+}
+
+}  // namespace
 
 std::size_t bytesPerVoxel(VoxelType type) {
     return type == VoxelType::UInt8 || type == VoxelType::Int8 ? 1 : 2;
@@ -76,6 +92,13 @@ RawVolumeReader::RawVolumeReader(const std::string& path, const VolumeShape& sha
             voxelTypeName(shape.type) + " voxels" +
             (offset ? " after " + std::to_string(offset) + " header bytes" : std::string()) + " (" +
             std::to_string(expected) + " bytes expected): " + std::to_string(size) + " bytes");
+    // The count above wraps for sizes whose product exceeds 64 bits, and may then match a
+    // small file; such sizes describe no file at all.
+    const std::optional<std::uint64_t> voxelBytes = volumeBytes(shape);
+    if (!voxelBytes || *voxelBytes > std::numeric_limits<std::uint64_t>::max() - offset)
+        throw FileAccessException("Volume sizes exceed any file for " + path + ": " +
+                                  std::to_string(shape.nx) + "x" + std::to_string(shape.ny) + "x" +
+                                  std::to_string(shape.nz) + " " + voxelTypeName(shape.type));
     in_.seekg(static_cast<std::streamoff>(offset));
     buffer_.resize(std::size_t{shape.nx} * shape.ny * bytesPerVoxel(shape.type));
 }

@@ -189,6 +189,36 @@ INSTANTIATE_TEST_SUITE_P(Cases, BadInputTest, ::testing::Values(
     [](const auto& p) { return p.param.name; });
 // clang-format on
 
+// A damaged header can claim far more cells than a file of its size can decode to. The load
+// must end as a short file does, before any storage for the claimed grid is asked for.
+TEST_F(LoaderTest, RecordsBeyondWhatTheFileCanHoldFailBeforeTheGridIsMade) {
+    const std::string file = path("huge.binc");
+    const std::string content = gridFileContent(4, 4, 4, 1, std::vector<std::uint32_t>(64, 2));
+    std::string huge = content;
+    huge.replace(huge.find("nx = 4\nny = 4\nnz = 4"), 20, "nx = 30000\nny = 30000\nnz = 30000");
+    writeGzip(file, huge);
+    std::uint64_t asked = 0;
+    const ByteStorageAllocator refuse = [&](std::uint64_t bytes) -> ByteCellStorage {
+        asked = bytes;
+        throw MemoryAllocationException("refused");
+    };
+    const std::string shortFile = "Did not find enough data for a grid";
+    EXPECT_EQ(messageOf([&] { loadByteMineralGrid(file, {}, log_, progress_, refuse); }),
+              shortFile);
+    EXPECT_EQ(asked, 0u);
+    EXPECT_EQ(messageOf([&] { loadSlicedGrid(file, {}, log_, progress_); }), shortFile);
+    EXPECT_EQ(messageOf([&] { loadCompressedBlockedGrid(file, {}, 100.0, log_, progress_); }),
+              shortFile);
+    EXPECT_TRUE(RecordingLogger::has(
+        log_.errors, "Binary grain bed grid file corrupted. Did not find enough data for a grid"));
+    // The bound is the file's worst-case expansion, not its actual content: a file that
+    // compresses extremely well still loads.
+    const std::uint32_t n = 100;
+    writeGzip(file, gridFileContent(n, n, n, 0, std::vector<std::uint32_t>(n * n * n, 3)));
+    EXPECT_EQ(loadByteMineralGrid(file, {}, log_, progress_)->counters()[3],
+              std::uint64_t{n} * n * n);
+}
+
 // Many damaged copies of a valid file: every one must end in a clean exception or load.
 TEST_F(LoaderTest, MutatedFilesNeverCrash) {
     const std::string good = gridFileContent(6, 5, 4, 1, std::vector<std::uint32_t>(120, 5));

@@ -145,6 +145,10 @@ TEST(VolumeImport, ErrorsNameTheFileAndTheValue) {
         {mhd("11 7 6"), {"v.raw", "11x7x6", "385 bytes"}},
         {mhd("11 7 5", "MET_USHORT"), {"v.raw", "uint16", "770 bytes expected"}},
         {mhd("11 7 5", "MET_FLOAT"), {"h.mhd", "MET_FLOAT"}},
+        // 65536 * 65536 * 2^31 voxels of 2 bytes wrap a 64-bit count round to 0, which an
+        // empty data block matches.
+        {mhd("65536 65536 2147483648", "MET_USHORT", "LOCAL"),
+         {"exceed", "h.mhd", ": 65536x65536x2147483648 uint16"}},
         {mhd("11 7 5", "MET_UCHAR", "gone.raw"), {"gone.raw"}},
         {"ElementType = MET_UCHAR\nElementDataFile = v.raw\n", {"h.mhd", "DimSize"}},
         {"CompressedData = True\n" + mhd("11 7 5"), {"h.mhd", "CompressedData"}},
