@@ -13,7 +13,7 @@
 #include "app/checkpoint.h"
 #include "app/command_line.h"
 #include "app/job_control.h"
-#include "app/walker_loop.h"
+#include "app/progress_bar.h"
 #include "common/exception.h"
 #include "mpi/message_passing.h"
 #include "parallel/grid_distribution.h"
@@ -21,6 +21,7 @@
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
 #include "simulation/rock_summary.h"
+#include "simulation/walker_loop.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
@@ -39,6 +40,8 @@ constexpr std::uint32_t kInitialisationPhase = 0;
 constexpr std::uint32_t kPhaseCount = 2;
 // Largest accepted ratio of the first to the last kept singular value of the kernel.
 constexpr double kMaxConditionRatio = 1000000.0;
+// About this many progress signals per run.
+constexpr double kProgressSignals = 50.0;
 
 // One process's run, phase by phase. Every phase that can fail ends in an agreement
 // among all processes before its result is tested, so every process leaves at the same
@@ -69,7 +72,7 @@ public:
 
         summary_ = computeRockSummary(*parameters_, grid_.grid());
         if (rank_ == 0) printRockSummary(std::cout, summary_, *parameters_, grid_.grid());
-        setup_ = buildWalkSetup(summary_, *parameters_);
+        plan_ = buildWalkPlan(summary_, *parameters_);
 
         status_ = pollJobStatus(JobStatus::Running, rank_);
         if (status_ != JobStatus::Running) return finish(kEarlyEnd);
@@ -158,7 +161,7 @@ private:
             try {
                 fingerprint =
                     runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
-                                   parameters_->randomSeed(), size_, grid_.compressed != nullptr);
+                                   parameters_->randomSeed(), size_, grid_.compressed() != nullptr);
             } catch (const Exception&) {
                 fingerprint.clear();  // the grid file is gone: nothing to resume or save
             }
@@ -239,15 +242,39 @@ private:
         lastCheckpoint_ = MPI_Wtime();
     }
 
+    // Process 0 shows the walk on the console bar and in the job files; every 1000
+    // walkers all processes poll the job files together, and take a checkpoint when due.
     bool walkAllWalkers(std::uint32_t firstWalker) {
-        AfterPoll afterPoll;
-        if (checkpointsOn_) afterPoll = [this](std::uint32_t done) { checkpointIfDue(done); };
-        return grid_.plain ? runWalkerLoop(*grid_.plain, walkers_, *stream_, setup_, summary_,
-                                           rank_, status_, histogram_, std::cout, simulationStart_,
-                                           firstWalker, afterPoll)
-                           : runWalkerLoop(*grid_.compressed, walkers_, *stream_, setup_, summary_,
-                                           rank_, status_, histogram_, std::cout, simulationStart_,
-                                           firstWalker, afterPoll);
+        const auto local = static_cast<std::uint32_t>(walkers_.size());
+        std::unique_ptr<ProgressBar> bar;
+        if (rank_ == 0) {
+            bar = std::make_unique<ProgressBar>(local, std::cout);
+            for (std::uint32_t i = 0; i < firstWalker; ++i) bar->advance();
+        }
+        // Computed once; fewer than 50 walkers give 0, and a signal every 0 walkers would
+        // be a division by zero, so the signal is then skipped instead.
+        const auto signalInterval =
+            static_cast<std::uint32_t>(static_cast<double>(local) / kProgressSignals);
+        WalkerLoopHooks hooks;
+        hooks.afterWalker = [&](std::uint32_t i) {
+            if (rank_ != 0) return;
+            bar->advance();
+            if (signalInterval != 0 && i % signalInterval == 0) {
+                sendProgressSignal("Random walk NMR", "Simulating..",
+                                   static_cast<double>(i) / static_cast<double>(local), 1, 2);
+            }
+        };
+        hooks.poll = [&](std::uint32_t walkersDone) {
+            status_ = pollJobStatus(status_, rank_);
+            if (status_ != JobStatus::Running) return false;
+            if (checkpointsOn_) checkpointIfDue(walkersDone);
+            return true;
+        };
+        const WalkerLoopOutcome outcome = grid_.visit([&](const auto& grid) {
+            return walkWalkers(grid, walkers_, *stream_, plan_, histogram_, firstWalker, hooks);
+        });
+        simulationStart_ = outcome.startTime;
+        return outcome.completed;
     }
 
     // The slowest process's walk time and the summed histogram reach process 0, which
@@ -274,11 +301,9 @@ private:
     }
 
     void writeResults(const ReducedAbsorptions& reduced) {
-        const SaturationSummary& w = summary_.saturation;
         const DecayCurve curve =
-            buildDecayCurve(reduced.counts, setup_.schedule.intervalEndTime,
-                            parameters_->numberOfWalkers(), summary_.clay, w.totalWaterSaturation,
-                            w.clayFraction, summary_.bulkT2Ms, summary_.fieldTerm);
+            buildDecayCurve(reduced.counts, plan_.schedule.intervalEndTime,
+                            parameters_->numberOfWalkers(), decayModelOf(summary_));
         for (std::size_t i = 0; i < curve.times.size(); ++i) {
             std::cout << curve.times[i] << ": " << curve.values[i] << std::endl;
         }
@@ -327,7 +352,7 @@ private:
     DistributedGrid grid_;
     std::vector<Walker> walkers_;
     RockSummary summary_;
-    WalkSetup setup_;
+    WalkPlan plan_;
     AbsorptionHistogram histogram_{kIntervalCount};
     double simulationStart_ = 0.0;
     double simulationSeconds_ = 0.0;

@@ -17,12 +17,12 @@ constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
 }  // namespace
 
 RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
-                                const RockSummary& summary, const WalkSetup& setup,
+                                const RockSummary& summary, const WalkPlan& walk,
                                 const Grid<Mineral::Type>& grid,
                                 const MineralValueMap<double>& floor) {
     RecordedRun run;
-    run.intervalEndTime = setup.schedule.intervalEndTime;
-    run.fineIntervals = setup.schedule.fineIntervals;
+    run.intervalEndTime = walk.schedule.intervalEndTime;
+    run.fineIntervals = walk.schedule.fineIntervals;
     run.numberOfWalkers = parameters.numberOfWalkers();
     run.resolutionM = summary.resolutionM;
     run.fineStep = summary.halfStep;

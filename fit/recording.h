@@ -19,7 +19,7 @@ namespace nmr::fit {
 // every other relaxing mineral keeps its value from the parameter file, which is then
 // also its floor.
 RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
-                                const RockSummary& summary, const WalkSetup& setup,
+                                const RockSummary& summary, const WalkPlan& walk,
                                 const Grid<Mineral::Type>& grid,
                                 const MineralValueMap<double>& floor);
 
@@ -32,14 +32,13 @@ std::uint32_t chunkWalkersFor(std::int64_t total);
 template <typename G>
 ContactHistories recordWalkers(const G& grid, const std::vector<Walker>& walkers,
                                RandomStream& stream, RandomStream& roulette, const RecordedRun& run,
-                               const WalkSetup& setup, std::uint32_t chunkWalkers) {
+                               const WalkPlan& walk, std::uint32_t chunkWalkers) {
     ContactHistories histories;
     HistoryRecorder recorder(histories, static_cast<std::uint32_t>(run.plan.slots()),
-                             setup.schedule.fineIntervals, chunkWalkers);
+                             walk.schedule.fineIntervals, chunkWalkers);
     const WalkGridView<G> view = makeWalkGridView(grid);
     for (const Walker& walker : walkers) {
-        recordWalker(stream, roulette, walker, view, setup.schedule, run.fineStep, run.coarseStep,
-                     run.plan, recorder);
+        recordWalker(stream, roulette, walker, view, walk, run.plan, recorder);
     }
     return histories;
 }

@@ -152,16 +152,15 @@ std::size_t keptIntervals(const SurvivalTotals& totals) {
 
 std::vector<double> decayAmplitudes(const SurvivalTotals& totals, const RecordedRun& run,
                                     const MineralValueMap<double>& relaxivity, std::size_t count) {
-    const ClayMicroPorosityModel clay = buildClayMicroPorosityModel(
-        run.clayMicroPorosity, run.resolutionM, relaxivity.valueOr(Mineral::Clay),
-        relaxivity.valueOr(Mineral::Quartz));
+    const DecayModel model{buildClayMicroPorosityModel(run.clayMicroPorosity, run.resolutionM,
+                                                       relaxivity.valueOr(Mineral::Clay),
+                                                       relaxivity.valueOr(Mineral::Quartz)),
+                           run.totalWaterSaturation, run.clayFraction, run.bulkT2Ms, run.fieldTerm};
     const double survivors = totals.surviving.empty() ? 0.0 : totals.surviving.back();
     std::vector<double> amplitudes(count);
     for (std::size_t i = 0; i < count; ++i) {
         const double f = (totals.walkers - totals.surviving[i] + survivors) / totals.walkers;
-        amplitudes[i] =
-            decayAmplitude(f, run.intervalEndTime[i], clay.listA, clay.listB,
-                           run.totalWaterSaturation, run.clayFraction, run.bulkT2Ms, run.fieldTerm);
+        amplitudes[i] = decayAmplitude(f, run.intervalEndTime[i], model);
     }
     return amplitudes;
 }

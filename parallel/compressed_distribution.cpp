@@ -128,12 +128,12 @@ DistributedGrid distributeCompressed(const DistributionRequest& request, RandomS
     all = {};
 
     // Replication of what process 0 read: present on process 0, so agreed above.
-    if (size == 1) return DistributedGrid{nullptr, read};
+    if (size == 1) return DistributedGrid(read);
     const double start = mpi::wallTime();
-    DistributedGrid copy{nullptr, replicateBlocks(read, rank, budgetMb)};
+    std::shared_ptr<CompressedGrid> copy = replicateBlocks(read, rank, budgetMb);
     if (rank == kRoot) console << "* Distribute time: " << mpi::wallTime() - start << std::endl;
     if (mpi::allReduce(copy ? 1 : 0, MPI_BAND) == 0) return {};
-    return copy;
+    return DistributedGrid(std::move(copy));
 }
 
 }  // namespace nmr::distribution

@@ -154,6 +154,20 @@ void broadcastCounters(Grid<Mineral::Type>* grid, int rank) {
 
 }  // namespace distribution
 
+ByteMineralGrid* DistributedGrid::plain() const {
+    const auto* held = std::get_if<Plain>(&held_);
+    return held ? held->get() : nullptr;
+}
+
+CompressedBlockedGrid<Mineral::Type>* DistributedGrid::compressed() const {
+    const auto* held = std::get_if<Compressed>(&held_);
+    return held ? held->get() : nullptr;
+}
+
+const Grid<Mineral::Type>& DistributedGrid::grid() const {
+    return visit([](const auto& g) -> const Grid<Mineral::Type>& { return g; });
+}
+
 double estimatedPlainGridMb(std::int32_t x, std::int32_t y, std::int32_t z) {
     const std::int64_t cells = static_cast<std::int64_t>(x) * y * z;
     const std::int64_t eighths = cells / 8 + (cells % 8 != 0 ? 1 : 0);

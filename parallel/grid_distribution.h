@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <memory>
 #include <ostream>
+#include <stdexcept>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "grid/byte_mineral_grid.h"
@@ -27,18 +29,36 @@ struct DistributionRequest {
     std::int32_t numberOfWalkers = 0;
 };
 
-// This process's view of the grid: exactly one of the two is set after a success,
-// neither after a failure. A plain grid is one byte per cell in memory shared by the
-// processes of a node; releasing it is collective over the node, so every process
-// drops its DistributedGrid at the same point of the run, before MPI_Finalize.
-struct DistributedGrid {
-    std::shared_ptr<ByteMineralGrid> plain;
-    std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> compressed;
+// This process's view of the grid: a plain grid (one byte per cell in memory shared by
+// the processes of a node) or a compressed one after a success, nothing after a failure.
+// Releasing a plain grid is collective over its node, so every process drops its
+// DistributedGrid at the same point of the run, before MPI_Finalize.
+class DistributedGrid {
+public:
+    using Plain = std::shared_ptr<ByteMineralGrid>;
+    using Compressed = std::shared_ptr<CompressedBlockedGrid<Mineral::Type>>;
 
-    explicit operator bool() const { return plain || compressed; }
-    const Grid<Mineral::Type>& grid() const {
-        return plain ? static_cast<const Grid<Mineral::Type>&>(*plain) : *compressed;
+    DistributedGrid() = default;
+    explicit DistributedGrid(Plain grid) : held_(std::move(grid)) {}
+    explicit DistributedGrid(Compressed grid) : held_(std::move(grid)) {}
+
+    explicit operator bool() const { return held_.index() != 0; }
+    // Null when the grid is not of that kind.
+    ByteMineralGrid* plain() const;
+    CompressedBlockedGrid<Mineral::Type>* compressed() const;
+    const Grid<Mineral::Type>& grid() const;
+
+    // f(grid) with the concrete grid, whichever kind is held (there must be one): the walk
+    // is one template over the grid kinds.
+    template <typename F>
+    decltype(auto) visit(F&& f) const {
+        if (const auto* held = std::get_if<Plain>(&held_)) return f(**held);
+        if (const auto* held = std::get_if<Compressed>(&held_)) return f(**held);
+        throw std::logic_error("no grid to visit");
     }
+
+private:
+    std::variant<std::monostate, Plain, Compressed> held_;
 };
 
 // The size of a plain copy as the decision between plain and compressed reckons it:

@@ -136,25 +136,25 @@ DistributedGrid distributePlain(const DistributionRequest& request, const GridPl
     mpi::broadcast(present, kRoot);
     if (!present) return {};
 
-    DistributedGrid copy{read, nullptr};
+    std::shared_ptr<ByteMineralGrid> grid = read;
     if (request.size > 1) {
         const double start = mpi::wallTime();
-        copy.plain = replicateOnNodes(read, *topology, memory.buffer, rank);
+        grid = replicateOnNodes(read, *topology, memory.buffer, rank);
         if (rank == kRoot) {
             console << "* Distribute time: " << mpi::wallTime() - start << std::endl;
         }
-        if (mpi::allReduce(copy ? 1 : 0, MPI_BAND) == 0) return {};
+        if (mpi::allReduce(grid ? 1 : 0, MPI_BAND) == 0) return {};
     }
 
     bool startable = true;
     if (rank == kRoot && request.numberOfWalkers > 0) {
-        startable = hasStartablePore(*copy.plain, console);
+        startable = hasStartablePore(*grid, console);
     }
     mpi::broadcast(startable, kRoot);
     if (!startable) return {};
 
     bool created = attempt([&] {
-        createWalkers(stream, makeWalkGridView(*copy.plain),
+        createWalkers(stream, makeWalkGridView(*grid),
                       localWalkerCount(request.numberOfWalkers, rank, request.size), walkers);
     });
     if (!mpi::allTrue(created)) {
@@ -165,7 +165,7 @@ DistributedGrid distributePlain(const DistributionRequest& request, const GridPl
         walkers.clear();
         return {};
     }
-    return copy;
+    return DistributedGrid(std::move(grid));
 }
 
 }  // namespace nmr::distribution

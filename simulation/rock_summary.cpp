@@ -54,17 +54,27 @@ void printRockSummary(std::ostream& out, const RockSummary& s,
     out << "\n\n" << std::flush;
 }
 
-WalkSetup buildWalkSetup(const RockSummary& s,
-                         const NuclearMagneticResonanceParameters& parameters) {
-    WalkSetup setup;
-    buildStepSchedule(s.resolutionM, s.halfStep, parameters.stepLength(), s.clay.t2Micro,
-                      parameters.diffusionConstantWater(), parameters.diffusionConstantOil(),
-                      s.saturation.bulkWaterSaturation, kIntervalCount, setup.schedule);
+DecayModel decayModelOf(const RockSummary& s) {
+    return DecayModel{s.clay, s.saturation.totalWaterSaturation, s.saturation.clayFraction,
+                      s.bulkT2Ms, s.fieldTerm};
+}
+
+WalkPlan buildWalkPlan(const RockSummary& s, const NuclearMagneticResonanceParameters& parameters) {
+    WalkPlan plan;
+    plan.schedule = buildStepSchedule({.voxelSize = s.resolutionM,
+                                       .fineStep = s.halfStep,
+                                       .coarseStep = parameters.stepLength(),
+                                       .switchTime = s.clay.t2Micro,
+                                       .diffusionWater = parameters.diffusionConstantWater(),
+                                       .diffusionOil = parameters.diffusionConstantOil(),
+                                       .waterSelector = s.saturation.bulkWaterSaturation});
+    plan.fineStep = s.halfStep;
+    plan.coarseStep = s.step;
     buildAbsorptionTable(parameters.surfaceRelaxationStrengthWater(), s.halfStep, s.resolutionM,
-                         parameters.diffusionConstantWater(), setup.fineTable);
+                         parameters.diffusionConstantWater(), plan.fineTable);
     buildAbsorptionTable(parameters.surfaceRelaxationStrengthWater(), s.step, s.resolutionM,
-                         parameters.diffusionConstantWater(), setup.coarseTable);
-    return setup;
+                         parameters.diffusionConstantWater(), plan.coarseTable);
+    return plan;
 }
 
 }  // namespace nmr

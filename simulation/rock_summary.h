@@ -5,10 +5,10 @@
 
 #include "grid/grid.h"
 #include "params/nmr_parameters.h"
-#include "walk/absorption_table.h"
 #include "walk/clay_micro_porosity.h"
+#include "walk/decay_curve.h"
 #include "walk/saturation.h"
-#include "walk/step_schedule.h"
+#include "walk/walk_plan.h"
 
 namespace nmr {
 
@@ -32,14 +32,11 @@ void printRockSummary(std::ostream& out, const RockSummary& summary,
                       const NuclearMagneticResonanceParameters& parameters,
                       const Grid<Mineral::Type>& grid);
 
-// The step schedule and both absorption tables, read-only while walking.
-struct WalkSetup {
-    StepSchedule schedule;
-    AbsorptionTable fineTable;
-    AbsorptionTable coarseTable;
-};
+// The terms of the decay that the walk does not simulate, from the summary.
+DecayModel decayModelOf(const RockSummary& summary);
 
-WalkSetup buildWalkSetup(const RockSummary& summary,
-                         const NuclearMagneticResonanceParameters& parameters);
+// The step schedule, both step lengths and both absorption tables, read-only while walking.
+WalkPlan buildWalkPlan(const RockSummary& summary,
+                       const NuclearMagneticResonanceParameters& parameters);
 
 }  // namespace nmr

@@ -170,28 +170,26 @@ private:
         if (!grid) return false;
 
         const RockSummary summary = computeRockSummary(*parameters_, grid.grid());
-        const WalkSetup setup = buildWalkSetup(summary, *parameters_);
+        const WalkPlan walk = buildWalkPlan(summary, *parameters_);
         fit::RecordedRun run;
         if (!agree([&] {
                 request_ = fitRequest(options_, parameters_->surfaceRelaxationStrengthWater(),
                                       grid.grid().counters(), parameters_->grid());
-                checkOverlap(measured_, setup.schedule.intervalEndTime, options_.measured);
+                checkOverlap(measured_, walk.schedule.intervalEndTime, options_.measured);
             })) {
             return false;
         }
         broadcastRequest();
-        run = fit::describeRecordedRun(*parameters_, summary, setup, grid.grid(),
+        run = fit::describeRecordedRun(*parameters_, summary, walk, grid.grid(),
                                        floorsOf(request_, options_));
 
         const auto start = std::chrono::steady_clock::now();
         // The roulette's own stream: seeded apart from every walk stream of the job.
         RandomStream roulette(streamSeed(parameters_->randomSeed(), rank_) ^ 0x5bd1e995u);
         const std::uint32_t chunk = fit::chunkWalkersFor(parameters_->numberOfWalkers());
-        fit::ContactHistories local =
-            grid.plain
-                ? fit::recordWalkers(*grid.plain, walkers, *stream, roulette, run, setup, chunk)
-                : fit::recordWalkers(*grid.compressed, walkers, *stream, roulette, run, setup,
-                                     chunk);
+        fit::ContactHistories local = grid.visit([&](const auto& g) {
+            return fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk);
+        });
         const double walkSeconds = mpi::reduce(secondsSince(start), MPI_MAX, kRoot);
         grid = {};  // collective over each node: every process lets go here
         fit::ContactHistories all = fit::gatherHistories(std::move(local));

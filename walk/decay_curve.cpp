@@ -4,9 +4,9 @@
 
 namespace nmr {
 
-double decayAmplitude(double f, double t, const ClayComponents& listA, const ClayComponents& listB,
-                      double totalWaterSaturation, double clayFraction, double bulkT2,
-                      double fieldTerm) {
+double decayAmplitude(double f, double t, const DecayModel& model) {
+    const ClayComponents& listA = model.clay.listA;
+    const ClayComponents& listB = model.clay.listB;
     double sumA = 0.0;
     double sumB = 0.0;
     for (std::size_t k = 0; k < listA.size(); ++k) {
@@ -20,14 +20,14 @@ double decayAmplitude(double f, double t, const ClayComponents& listA, const Cla
     constexpr double kQuartzShare = 0.050000000000000044;
     const double weightA = (sumB == 0.0 || listA.empty()) ? 1.0 : 0.95;
     const double claySignal = sumA * weightA + sumB * kQuartzShare;
-    return ((totalWaterSaturation - clayFraction) * (1.0 - f) + claySignal * clayFraction) *
-           (std::exp(-t / bulkT2) * std::exp(-t * fieldTerm));
+    return ((model.totalWaterSaturation - model.clayFraction) * (1.0 - f) +
+            claySignal * model.clayFraction) *
+           (std::exp(-t / model.bulkT2) * std::exp(-t * model.fieldTerm));
 }
 
 DecayCurve buildDecayCurve(const std::vector<std::uint32_t>& summedCounts,
                            const std::vector<double>& intervalEndTime, std::int32_t numberOfWalkers,
-                           const ClayMicroPorosityModel& clay, double totalWaterSaturation,
-                           double clayFraction, double bulkT2, double fieldTerm) {
+                           const DecayModel& model) {
     constexpr double kSmallestKept = 0.001;
     DecayCurve curve;
     double absorbed = 0.0;
@@ -35,8 +35,7 @@ DecayCurve buildDecayCurve(const std::vector<std::uint32_t>& summedCounts,
         absorbed += static_cast<double>(summedCounts[i]);
         const double f = absorbed / static_cast<double>(numberOfWalkers);
         const double t = intervalEndTime.at(i);
-        const double a = decayAmplitude(f, t, clay.listA, clay.listB, totalWaterSaturation,
-                                        clayFraction, bulkT2, fieldTerm);
+        const double a = decayAmplitude(f, t, model);
         if (a > kSmallestKept) {
             curve.times.push_back(t);
             curve.values.push_back(a);

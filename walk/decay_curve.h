@@ -13,20 +13,27 @@ struct DecayCurve {
     std::vector<double> values;
 };
 
+// The terms of the decay that the walk does not simulate. The pore water (share
+// totalWaterSaturation - clayFraction) decays as the walkers survive, the clay water
+// (share clayFraction) with the clay components; both are damped by bulk relaxation
+// (bulkT2 in ms) and the gradient term (fieldTerm, 1/ms).
+struct DecayModel {
+    ClayMicroPorosityModel clay;
+    double totalWaterSaturation = 0.0;
+    double clayFraction = 0.0;
+    double bulkT2 = 0.0;
+    double fieldTerm = 0.0;
+};
+
 // Normalised magnetization at time t (ms) when the fraction f of the walkers has been
-// absorbed. The pore water (share w - s) decays as the walkers survive, the clay water
-// (share s) with the clay components; both are damped by bulk relaxation (bulkT2 in ms)
-// and the gradient term g (1/ms). List B is read at list A's indices.
-double decayAmplitude(double f, double t, const ClayComponents& listA, const ClayComponents& listB,
-                      double totalWaterSaturation, double clayFraction, double bulkT2,
-                      double fieldTerm);
+// absorbed. List B of the clay model is read at list A's indices.
+double decayAmplitude(double f, double t, const DecayModel& model);
 
 // Turns the summed histogram (M counters) into the curve: the absorbed fraction after
 // interval i is the running sum over numberOfWalkers (the requested count, not the
 // created one). Points at or below 0.001 are skipped, not a stop.
 DecayCurve buildDecayCurve(const std::vector<std::uint32_t>& summedCounts,
                            const std::vector<double>& intervalEndTime, std::int32_t numberOfWalkers,
-                           const ClayMicroPorosityModel& clay, double totalWaterSaturation,
-                           double clayFraction, double bulkT2, double fieldTerm);
+                           const DecayModel& model);
 
 }  // namespace nmr

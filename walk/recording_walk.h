@@ -114,16 +114,17 @@ struct RecordAtWall {
 // roulette ended it, or the schedule's interval count.
 template <typename G, typename Sink>
 void recordWalker(RandomStream& stream, RandomStream& roulette, Walker walker,
-                  const WalkGridView<G>& view, const StepSchedule& schedule, double fineStep,
-                  double coarseStep, const RecordingPlan& plan, Sink& sink) {
+                  const WalkGridView<G>& view, const WalkPlan& walk, const RecordingPlan& plan,
+                  Sink& sink) {
     detail::RecordAtWall atWall{plan, roulette};
-    const auto intervals = static_cast<std::uint32_t>(schedule.stepsPerInterval.size());
-    const std::uint32_t fineEnd = std::min(schedule.fineIntervals, intervals);
+    const auto& steps = walk.schedule.stepsPerInterval;
+    const auto intervals = static_cast<std::uint32_t>(steps.size());
+    const std::uint32_t fineEnd = std::min(walk.schedule.fineIntervals, intervals);
     for (std::uint32_t i = 0; i < intervals; ++i) {
         atWall.finePhase = i < fineEnd;
         atWall.inInterval.fill(0);
-        if (detail::walkSteps(stream, walker, schedule.stepsPerInterval[i],
-                              atWall.finePhase ? fineStep : coarseStep, view, atWall)) {
+        if (detail::walkSteps(stream, walker, steps[i],
+                              atWall.finePhase ? walk.fineStep : walk.coarseStep, view, atWall)) {
             sink.stop(i);
             return;
         }

@@ -14,21 +14,18 @@ double stepTime(double voxelSize, double step, double diffusion) {
 
 }  // namespace
 
-std::uint32_t buildStepSchedule(double voxelSize, double fineStep, double coarseStep,
-                                double switchTime, double diffusionWater, double diffusionOil,
-                                double waterSelector, std::uint32_t intervalCount,
-                                StepSchedule& schedule) {
-    schedule.stepsPerInterval.assign(intervalCount, 0u);
-    schedule.intervalEndTime.assign(intervalCount, 0.0);
+StepSchedule buildStepSchedule(const ScheduleRequest& r) {
+    StepSchedule schedule;
+    schedule.stepsPerInterval.assign(r.intervalCount, 0u);
+    schedule.intervalEndTime.assign(r.intervalCount, 0.0);
 
-    const double diffusion = waterSelector > 0.0 ? diffusionWater : diffusionOil;
-    double tau = stepTime(voxelSize, fineStep, diffusion);
-    bool switchArmed = coarseStep > 0.1;
+    const double diffusion = r.waterSelector > 0.0 ? r.diffusionWater : r.diffusionOil;
+    double tau = stepTime(r.voxelSize, r.fineStep, diffusion);
+    bool switchArmed = r.coarseStep > 0.1;
     const double growth = std::pow(10.0, 0.025);
 
     std::int32_t k = 0;
-    std::uint32_t fineIntervals = 0;
-    for (std::uint32_t i = 0; i < intervalCount; ++i) {
+    for (std::uint32_t i = 0; i < r.intervalCount; ++i) {
         // lround rounds halves away from zero; the +1 makes the first intervals one step.
         const std::int32_t next =
             static_cast<std::int32_t>(std::lround(static_cast<double>(k) * growth)) + 1;
@@ -36,16 +33,15 @@ std::uint32_t buildStepSchedule(double voxelSize, double fineStep, double coarse
         k = next;
         const double t = static_cast<double>(next) * tau;
         schedule.intervalEndTime[i] = t;
-        if (switchArmed && t > switchTime) {
+        if (switchArmed && t > r.switchTime) {
             switchArmed = false;
-            fineIntervals = i;
-            tau = stepTime(voxelSize, coarseStep, diffusion);
+            schedule.fineIntervals = i;
+            tau = stepTime(r.voxelSize, r.coarseStep, diffusion);
             // Continue counting in coarse steps from the time reached.
             k = static_cast<std::int32_t>(t / tau);
         }
     }
-    schedule.fineIntervals = fineIntervals;
-    return fineIntervals;
+    return schedule;
 }
 
 }  // namespace nmr

@@ -11,6 +11,7 @@
 
 #include "walk/absorption_table.h"
 #include "walk/random_stream.h"
+#include "walk/walk_plan.h"
 #include "walk/walker.h"
 
 // The innermost loop of the program. It lives in this header so that it is compiled
@@ -149,19 +150,18 @@ bool walkInterval(RandomStream& stream, Walker& walker, std::uint32_t stepCount,
 // accumulation relies on that, and the result is always below the interval count.
 template <typename G>
 std::uint32_t walkWalker(RandomStream& stream, Walker walker, const WalkGridView<G>& view,
-                         const std::vector<std::uint32_t>& stepsPerInterval,
-                         std::uint32_t fineIntervals, double fineStep, double coarseStep,
-                         const AbsorptionTable& fineTable, const AbsorptionTable& coarseTable) {
-    const auto intervals = static_cast<std::uint32_t>(stepsPerInterval.size());
-    const std::uint32_t fineEnd = fineIntervals < intervals ? fineIntervals : intervals;
-    detail::AbsorbAtWall absorbFine{fineTable.data()};
+                         const WalkPlan& plan) {
+    const auto& steps = plan.schedule.stepsPerInterval;
+    const auto intervals = static_cast<std::uint32_t>(steps.size());
+    const std::uint32_t fineEnd = std::min(plan.schedule.fineIntervals, intervals);
+    detail::AbsorbAtWall absorbFine{plan.fineTable.data()};
     for (std::uint32_t i = 0; i < fineEnd; ++i) {
-        if (detail::walkSteps(stream, walker, stepsPerInterval[i], fineStep, view, absorbFine)) {
+        if (detail::walkSteps(stream, walker, steps[i], plan.fineStep, view, absorbFine)) {
             return i;
         }
     }
     for (std::uint32_t i = fineEnd; i < intervals; ++i) {
-        if (walkInterval(stream, walker, stepsPerInterval[i], coarseStep, view, coarseTable)) {
+        if (walkInterval(stream, walker, steps[i], plan.coarseStep, view, plan.coarseTable)) {
             return i;
         }
     }

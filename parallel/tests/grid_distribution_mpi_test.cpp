@@ -107,9 +107,9 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
     std::ostringstream console;
     const DistributedGrid copy =
         distributeGridAndWalkers(request(path, 1500, 103), stream, walkers, console);
-    ASSERT_TRUE(copy.plain);
-    EXPECT_FALSE(copy.compressed);
-    expectSameRock(*copy.plain);
+    ASSERT_TRUE(copy.plain() != nullptr);
+    EXPECT_EQ(copy.compressed(), nullptr);
+    expectSameRock(*copy.plain());
     EXPECT_DOUBLE_EQ(copy.grid().cellSize(), 2.0);
     // Every process agrees on the volume fractions the summary is computed from.
     EXPECT_DOUBLE_EQ(mpi::allReduce(copy.grid().porosity(), MPI_MAX),
@@ -117,7 +117,7 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
     EXPECT_EQ(static_cast<std::int32_t>(walkers.size()),
               localWalkerCount(103, mpi::rank(), mpi::size()));
     for (const Walker& w : walkers)
-        EXPECT_EQ(copy.plain->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
+        EXPECT_EQ(copy.plain()->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
                   Mineral::Pore);
     if (mpi::rank() == 0) {
         EXPECT_NE(console.str().find("* Read grid time: "), std::string::npos);
@@ -132,9 +132,9 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
     const int node =
         mpi::allReduce(topology->isLeader() ? mpi::rank() : 0, MPI_MAX, topology->node());
     mpi::barrier();
-    if (topology->isLeader()) copy.plain->sliceData(0)[1] = static_cast<std::uint8_t>(100 + node);
+    if (topology->isLeader()) copy.plain()->sliceData(0)[1] = static_cast<std::uint8_t>(100 + node);
     MPI_Barrier(MPI_COMM_WORLD);
-    EXPECT_EQ(static_cast<int>(copy.plain->at(1, 0, 0)), 100 + node);
+    EXPECT_EQ(static_cast<int>(copy.plain()->at(1, 0, 0)), 100 + node);
     MPI_Barrier(MPI_COMM_WORLD);
 }
 
@@ -173,10 +173,10 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     const std::int32_t total = 203;
     const DistributedGrid copy =
         distributeGridAndWalkers(request(path, 3, total), stream, walkers, console);
-    ASSERT_TRUE(copy.compressed);
-    EXPECT_FALSE(copy.plain);
-    expectSameRock(*copy.compressed);
-    EXPECT_EQ(copy.grid().counters(), copy.compressed->counters());
+    ASSERT_TRUE(copy.compressed() != nullptr);
+    EXPECT_EQ(copy.plain(), nullptr);
+    expectSameRock(*copy.compressed());
+    EXPECT_EQ(copy.grid().counters(), copy.compressed()->counters());
     const int size = mpi::size();
     const std::int32_t share = total / size;
     const std::int32_t expected = mpi::rank() == 0 ? share + total % size : share;
@@ -206,7 +206,7 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
         EXPECT_EQ(stream.next(), reference.next());
     }
     for (const Walker& w : walkers)
-        EXPECT_EQ(copy.compressed->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
+        EXPECT_EQ(copy.compressed()->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
                   Mineral::Pore);
     if (mpi::rank() == 0) {
         EXPECT_NE(console.str().find("* Create walkers time: "), std::string::npos);

@@ -16,24 +16,27 @@ TEST(DecayAmplitude, PoreWaterAndClayWaterWithTheirWeights) {
     const double t = 5.0, w = 0.9, s = 0.3, damping = std::exp(-t / 1000.0 - t * 0.002);
     const double sumA = 0.5 * std::exp(-t / 10.0) + 0.5 * std::exp(-t / 20.0);
     const double sumB = 0.25 * std::exp(-t / 40.0) + 0.75 * std::exp(-t / 80.0);
-    EXPECT_NEAR(decayAmplitude(0.2, t, a, b, w, s, 1000.0, 0.002),
+    ClayMicroPorosityModel clay{a, b, 0.0};
+    EXPECT_NEAR(decayAmplitude(0.2, t, DecayModel{clay, w, s, 1000.0, 0.002}),
                 ((w - s) * 0.8 + (0.95 * sumA + 0.050000000000000044 * sumB) * s) * damping, kUlps);
     // A silent list B leaves list A the whole clay signal.
-    EXPECT_NEAR(decayAmplitude(0.2, t, a, silent, w, s, 1000.0, 0.002),
+    clay.listB = silent;
+    EXPECT_NEAR(decayAmplitude(0.2, t, DecayModel{clay, w, s, 1000.0, 0.002}),
                 ((w - s) * 0.8 + sumA * s) * damping, kUlps);
 }
 
 TEST(BuildDecayCurve, RunningFractionOverRequestedWalkersAndStrictCut) {
     // 10 requested, 7 counted: without clay or damping, exactly the fraction left.
-    const ClayMicroPorosityModel none;
     const double inf = std::numeric_limits<double>::infinity();
-    const auto curve = buildDecayCurve({2, 3, 2}, {1, 2, 3, 4}, 10, none, 1.0, 0.0, inf, 0.0);
+    const DecayModel plain{{}, 1.0, 0.0, inf, 0.0}, damped{{}, 1.0, 0.0, 10.0, 0.0};
+    const auto curve = buildDecayCurve({2, 3, 2}, {1, 2, 3, 4}, 10, plain);
     EXPECT_EQ(curve.times, (std::vector<double>{1, 2, 3}));
     EXPECT_EQ(curve.values, (std::vector<double>{1 - 0.2, 1 - 0.5, 1 - 0.7}));
-    EXPECT_TRUE(buildDecayCurve({}, {1.0}, 10, none, 1.0, 0.0, inf, 0.0).times.empty());  // M = 0
+    EXPECT_TRUE(buildDecayCurve({}, {1.0}, 10, plain).times.empty());  // M = 0
     // w - s = 0.001 at t = 0 is dropped; a late, damped point is skipped, not a stop.
-    EXPECT_TRUE(buildDecayCurve({0}, {0.0}, 4, none, 0.001, 0.0, 10.0, 0.0).times.empty());
-    const auto gap = buildDecayCurve({0, 0, 0}, {1, 1e6, 2}, 4, none, 1.0, 0.0, 10.0, 0.0);
+    EXPECT_TRUE(
+        buildDecayCurve({0}, {0.0}, 4, DecayModel{{}, 0.001, 0.0, 10.0, 0.0}).times.empty());
+    const auto gap = buildDecayCurve({0, 0, 0}, {1, 1e6, 2}, 4, damped);
     EXPECT_EQ(gap.times, (std::vector<double>{1, 2}));
 }
 

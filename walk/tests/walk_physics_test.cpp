@@ -65,19 +65,24 @@ void expectWalkFollows(std::uint32_t n, bool closed, double rhoEff, std::uint32_
     for (std::uint32_t i = 0; i < m * m * m; ++i)
         if (wall(i / m / m) || (closed && (wall(i % m) || wall(i / m % m))))
             grid.sliceData(i / m / m)[i % (m * m)] = Mineral::Quartz;
-    StepSchedule schedule;  // the switch never fires: one step length throughout
-    buildStepSchedule(kVoxel, kStep, kStep, 1e30, kD, kD, 1.0, kIntervalCount, schedule);
+    WalkPlan plan;  // the switch never fires: one step length throughout
+    plan.schedule = buildStepSchedule({.voxelSize = kVoxel,
+                                       .fineStep = kStep,
+                                       .coarseStep = kStep,
+                                       .switchTime = 1e30,
+                                       .diffusionWater = kD,
+                                       .diffusionOil = kD,
+                                       .waterSelector = 1.0});
+    plan.fineStep = plan.coarseStep = kStep;
     MineralValueMap<double> relaxivity;
     relaxivity.set(Mineral::Quartz, rhoEff / kRhoEffPerRho);
-    AbsorptionTable table;
-    buildAbsorptionTable(relaxivity, kStep, kVoxel, kD, table);
+    buildAbsorptionTable(relaxivity, kStep, kVoxel, kD, plan.coarseTable);
+    const StepSchedule& schedule = plan.schedule;
     RandomStream stream(seed);
     std::vector<Walker> walkers;
     createWalkers(stream, makeWalkGridView(grid), kWalkers, walkers);
     std::vector<int> absorbed(kIntervalCount, 0);
-    for (const Walker& w : walkers)
-        ++absorbed[walkWalker(stream, w, makeWalkGridView(grid), schedule.stepsPerInterval, 0,
-                              kStep, kStep, table, table)];
+    for (const Walker& w : walkers) ++absorbed[walkWalker(stream, w, makeWalkGridView(grid), plan)];
     auto worstExcess = [&](double rho) {
         double worst = -1.0, survived = 1.0;
         for (std::uint32_t i = 0; i < kIntervalCount; ++i) {

@@ -10,15 +10,26 @@ namespace nmr {
 TEST(StepSchedule, SingleStepsThenGeometricGrowthAndTheSwitchToCoarseSteps) {
     // A fine step (0.5 of 1 um) lasts 1 ms, a coarse one 4 ms, up to 1e-12 (rounding).
     const double water = 2.5e-13 * 1000.0 / 6.0, oil = 4.0 * water;
-    StepSchedule s;
+    ScheduleRequest r{.voxelSize = 1e-6,
+                      .fineStep = 0.5,
+                      .coarseStep = 0.1,
+                      .switchTime = 0.0,
+                      .diffusionWater = water,
+                      .diffusionOil = oil,
+                      .waterSelector = 1.0};
     // Coarse step 0.1 does not arm the switch: all fine-step times. By hand from
     // k' = round(k 10^0.025) + 1: single steps until k * 0.0593 reaches 1/2.
-    EXPECT_EQ(buildStepSchedule(1e-6, 0.5, 0.1, 0.0, water, oil, 1.0, 300, s), 0u);
+    StepSchedule s = buildStepSchedule(r);
+    EXPECT_EQ(s.fineIntervals, 0u);
+    EXPECT_EQ(s.intervalEndTime.size(), 300u);
     for (auto [i, t] : {std::pair{0, 1.0}, {1, 2.0}, {8, 9.0}, {9, 11.0}, {10, 13.0}, {17, 27.0}})
         EXPECT_NEAR(s.intervalEndTime[i], t, t * 1e-12) << i;
     // The first end time past 5.5 ms is 6 ms, at interval 5; from trunc(6 / 4) = 1 coarse
     // step on come 2, 3, ... coarse steps of 4 ms.
-    EXPECT_EQ(buildStepSchedule(1e-6, 0.5, 1.0, 5.5, water, oil, 0.7, 300, s), 5u);
+    r.coarseStep = 1.0;
+    r.switchTime = 5.5;
+    r.waterSelector = 0.7;
+    s = buildStepSchedule(r);
     EXPECT_EQ(s.fineIntervals, 5u);
     for (auto [i, t] : {std::pair{4, 5.0}, {5, 6.0}, {6, 8.0}, {7, 12.0}})
         EXPECT_NEAR(s.intervalEndTime[i], t, t * 1e-12) << i;

@@ -81,7 +81,13 @@ TEST(WalkWalker, AbsorbedAtTheFirstContactOnlyWhereTheTableSays) {
     }
     const auto view = makeWalkGridView(grid);
     const AbsorptionTable never(Mineral::count(), 0.0), always(Mineral::count(), 1.0);
-    const std::vector<std::uint32_t> single(kIntervalCount, 1u);
+    // One step an interval; fine steps of 0.5 and coarse of 2, or the other way round.
+    auto plan = [&](std::uint32_t fine, double fineStep, double coarseStep,
+                    const AbsorptionTable& fineTable, const AbsorptionTable& coarseTable) {
+        WalkPlan p{StepSchedule{std::vector<std::uint32_t>(kIntervalCount, 1u), {}, fine}, fineStep,
+                   coarseStep, fineTable, coarseTable};
+        return p;
+    };
     RandomStream stream(33u);
     for (Walker start : walkersIn(grid, 40, 4u)) {
         RandomStream probe = stream;
@@ -92,12 +98,11 @@ TEST(WalkWalker, AbsorbedAtTheFirstContactOnlyWhereTheTableSays) {
             if (position(w) == position(before)) break;
         }
         ASSERT_LT(contact, kIntervalCount);
-        EXPECT_EQ(start.x < 3.0
-                      ? walkWalker(stream, start, view, single, 300, 0.5, 2, always, never)
-                      : walkWalker(stream, start, view, single, 0, 2, 0.5, never, always),
+        EXPECT_EQ(start.x < 3.0 ? walkWalker(stream, start, view, plan(300, 0.5, 2, always, never))
+                                : walkWalker(stream, start, view, plan(0, 2, 0.5, never, always)),
                   contact);
         EXPECT_EQ(probe.next(), RandomStream(stream).next()) << "same draws taken";
-        EXPECT_EQ(walkWalker(stream, start, view, single, 100, 0.5, 0.5, never, never), 0u);
+        EXPECT_EQ(walkWalker(stream, start, view, plan(100, 0.5, 0.5, never, never)), 0u);
         ASSERT_FALSE(walkInterval(stream, start, 2000, 0.5, view, never));
         EXPECT_EQ(view.mineralAt(start.x, start.y, start.z), Mineral::Pore);
     }
@@ -121,10 +126,8 @@ TEST(RecordingWalk, DrawsWhatARunDrawsAndPlaysTheRouletteAtEveryHalving) {
     for (auto [x, y, z] : {std::tuple{3, 0, 0}, {1, 2, 1}, {4, 4, 3}, {2, 1, 4}})
         grid.sliceData(z)[y * 6 + x] = z % 2 ? Mineral::Clay : Mineral::Quartz;
     const auto view = makeWalkGridView(grid);
-    StepSchedule schedule;
-    schedule.stepsPerInterval = {1, 1, 3, 40, 500, 4000};
-    schedule.fineIntervals = 2;
     const AbsorptionTable never(Mineral::count(), 0.0);
+    const WalkPlan walk{StepSchedule{{1, 1, 3, 40, 500, 4000}, {}, 2}, 0.25, 0.5, never, never};
 
     // A floor that never halves the survival: the walker is never stopped, and its path
     // and the stream afterwards are those of a run in which nothing absorbs.
@@ -133,11 +136,9 @@ TEST(RecordingWalk, DrawsWhatARunDrawsAndPlaysTheRouletteAtEveryHalving) {
     ASSERT_EQ(quiet.slots(), 2u);
     for (const Walker& start : walkersIn(grid, 20, 3u)) {
         RandomStream run(9u), recording(9u), roulette(4u);
-        EXPECT_EQ(walkWalker(run, start, view, schedule.stepsPerInterval, schedule.fineIntervals,
-                             0.25, 0.5, never, never),
-                  0u);
+        EXPECT_EQ(walkWalker(run, start, view, walk), 0u);
         RecordedContacts sink{.slots = 2};
-        recordWalker(recording, roulette, start, view, schedule, 0.25, 0.5, quiet, sink);
+        recordWalker(recording, roulette, start, view, walk, quiet, sink);
         EXPECT_EQ(sink.stopped, 6u);  // walked the whole schedule
         EXPECT_EQ(sink.level, 0);
         EXPECT_EQ(run.next(), recording.next());
@@ -151,10 +152,10 @@ TEST(RecordingWalk, DrawsWhatARunDrawsAndPlaysTheRouletteAtEveryHalving) {
     for (const Walker& start : walkersIn(grid, 200, 8u)) {
         RandomStream stream(11u + static_cast<std::uint32_t>(walkers++)), roulette(5u);
         RecordedContacts sink{.slots = 1};
-        recordWalker(stream, roulette, start, view, schedule, 0.25, 0.5, strong, sink);
+        recordWalker(stream, roulette, start, view, walk, strong, sink);
         const std::uint32_t n = sink.total[0];
         EXPECT_EQ(sink.level, rouletteLevel(n * std::log1p(-0.3))) << n;
-        stopped += sink.stopped < schedule.stepsPerInterval.size();
+        stopped += sink.stopped < walk.schedule.stepsPerInterval.size();
     }
     // Each level is survived with probability 1/2, so nearly every walker stops early.
     EXPECT_GT(stopped, 150);
