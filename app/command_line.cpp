@@ -129,10 +129,8 @@ bool handleCommandLine(int rank, const std::vector<std::string>& commandLine,
         if (printer) {
             try {
                 writeTemplateFile(kTemplatePath);
-            } catch (const Exception& e) {
-                out << e.message() << std::endl;
-            } catch (const std::exception& e) {
-                out << e.what() << std::endl;
+            } catch (...) {
+                out << currentExceptionText() << std::endl;
             }
         }
         carryOn = false;

@@ -9,8 +9,6 @@
 
 namespace nmr::app {
 
-constexpr std::uint32_t kDefaultMemoryLimitMB = 1500;
-
 struct OptionDefinition {
     char shortName;
     std::string longName;  // also the key of the parsed values

@@ -33,6 +33,8 @@ namespace nmr::app {
 
 namespace {
 
+using mpi::kRoot;
+
 constexpr int kComplete = 0;
 constexpr int kEarlyEnd = -1;  // all bits set; the shell shows 255
 constexpr const char* kParameterPath = "./nmr.yaml";
@@ -71,7 +73,7 @@ public:
             return finish(kEarlyEnd);
 
         summary_ = computeRockSummary(*parameters_, grid_.grid());
-        if (rank_ == 0) printRockSummary(std::cout, summary_, *parameters_, grid_.grid());
+        if (rank_ == kRoot) printRockSummary(std::cout, summary_, *parameters_, grid_.grid());
         plan_ = buildWalkPlan(summary_, *parameters_);
 
         status_ = pollJobStatus(JobStatus::Running, rank_);
@@ -83,7 +85,7 @@ public:
         if (!walkAllWalkers(firstWalker)) return finish(kEarlyEnd);
         if (!collectAndWriteResults()) return finish(kEarlyEnd);
         pollJobStatus(JobStatus::Stopped, rank_);
-        if (rank_ == 0) printTiming();
+        if (rank_ == kRoot) printTiming();
         removeCheckpoint(rank_);
         return finish(kComplete);
     }
@@ -94,13 +96,13 @@ public:
 private:
     bool readCommandLine() {
         startTime_ = MPI_Wtime();
-        memoryLimitMB_ = kDefaultMemoryLimitMB;
+        memoryLimitMB_ = kDefaultMemoryLimitMb;
         return app::readCommandLine(rank_, argc_, argv_, memoryLimitMB_);
     }
 
     bool readParameters() {
-        parameters_ = readParametersCollectively(rank_, size_, kParameterPath);
-        if (parameters_ && rank_ == 0) {
+        parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
+        if (parameters_ && rank_ == kRoot) {
             for (const std::string& line : meaninglessParameterWarnings(*parameters_)) {
                 std::cerr << line << std::endl;
             }
@@ -151,13 +153,13 @@ private:
             mpi::allReduce(std::filesystem::exists(checkpointPath(rank_)) ||
                                std::filesystem::exists(previousCheckpointPath(rank_)),
                            MPI_LOR);
-        bool checkpoints = rank_ == 0 && parameters_->checkpointInterval() > 0.0;
-        mpi::broadcast(checkpoints, 0);
+        bool checkpoints = rank_ == kRoot && parameters_->checkpointInterval() > 0.0;
+        mpi::broadcast(checkpoints, kRoot);
         checkpointsOn_ = checkpoints;
         lastCheckpoint_ = MPI_Wtime();
         if (!found && !checkpoints) return 0;
         std::string fingerprint;
-        if (rank_ == 0) {
+        if (rank_ == kRoot) {
             try {
                 fingerprint =
                     runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
@@ -166,7 +168,7 @@ private:
                 fingerprint.clear();  // the grid file is gone: nothing to resume or save
             }
         }
-        mpi::broadcast(fingerprint, 0);
+        mpi::broadcast(fingerprint, kRoot);
         fingerprint_ = fingerprint;
         if (fingerprint_.empty()) checkpointsOn_ = false;
         if (!found || fingerprint_.empty()) return 0;
@@ -195,7 +197,7 @@ private:
             if (c.nextWalker == common) saved = &c;
         }
         if (!mpi::allTrue(saved != nullptr)) {
-            if (rank_ == 0) {
+            if (rank_ == kRoot) {
                 std::cerr << "Warning: ignoring the checkpoint files, the walk starts afresh: "
                           << (problem.empty() ? "they do not all belong to this run" : problem)
                           << std::endl;
@@ -206,7 +208,7 @@ private:
         *stream_ = saved->stream;
         histogram_.restore(saved->counts, saved->localMaximum);
         const long long done = mpi::allReduce(static_cast<long long>(next), MPI_SUM);
-        if (rank_ == 0) {
+        if (rank_ == kRoot) {
             std::cout << "Resuming from checkpoint: " << done << " of "
                       << parameters_->numberOfWalkers() << " walkers" << std::endl;
         }
@@ -217,8 +219,9 @@ private:
     // The decision is process 0's, so all processes save at the same poll. A checkpoint
     // that cannot be written costs a warning, never the run.
     void checkpointIfDue(std::uint32_t walkersDone) {
-        bool due = rank_ == 0 && MPI_Wtime() - lastCheckpoint_ >= parameters_->checkpointInterval();
-        mpi::broadcast(due, 0);
+        bool due =
+            rank_ == kRoot && MPI_Wtime() - lastCheckpoint_ >= parameters_->checkpointInterval();
+        mpi::broadcast(due, kRoot);
         if (!due) return;
         bool written = true;
         try {
@@ -235,7 +238,7 @@ private:
         } catch (const Exception&) {
             written = false;
         }
-        if (!mpi::allTrue(written) && rank_ == 0) {
+        if (!mpi::allTrue(written) && rank_ == kRoot) {
             std::cerr << "Warning: a checkpoint could not be written; the walk goes on"
                       << std::endl;
         }
@@ -247,7 +250,7 @@ private:
     bool walkAllWalkers(std::uint32_t firstWalker) {
         const auto local = static_cast<std::uint32_t>(walkers_.size());
         std::unique_ptr<ProgressBar> bar;
-        if (rank_ == 0) {
+        if (rank_ == kRoot) {
             bar = std::make_unique<ProgressBar>(local, std::cout);
             for (std::uint32_t i = 0; i < firstWalker; ++i) bar->advance();
         }
@@ -282,21 +285,18 @@ private:
     // failure there (memory for the inversion, say) is agreed on, so no process is left
     // waiting in the final poll. Returns true on every process when process 0 succeeded.
     bool collectAndWriteResults() {
-        simulationSeconds_ = mpi::reduce(MPI_Wtime() - simulationStart_, MPI_MAX, 0);
+        simulationSeconds_ = mpi::reduce(MPI_Wtime() - simulationStart_, MPI_MAX, kRoot);
         const ReducedAbsorptions reduced = reduceAbsorptions(histogram_);
         bool written = true;
-        if (rank_ == 0) {
+        if (rank_ == kRoot) {
             try {
                 writeResults(reduced);
-            } catch (const Exception& e) {
-                std::cout << "ERROR: " << e.message() << std::endl;
-                written = false;
-            } catch (const std::exception& e) {
-                std::cout << "ERROR: " << e.what() << std::endl;
+            } catch (...) {
+                std::cout << "ERROR: " << currentExceptionText() << std::endl;
                 written = false;
             }
         }
-        mpi::broadcast(written, 0);
+        mpi::broadcast(written, kRoot);
         return written;
     }
 
@@ -345,7 +345,7 @@ private:
     // Declared before every resource so that it is destroyed after all of them.
     StoppedFileGuard stoppedFileGuard_;
     double startTime_ = 0.0;  // MPI_Wtime() seconds, just before the command line
-    std::uint32_t memoryLimitMB_ = kDefaultMemoryLimitMB;
+    std::uint32_t memoryLimitMB_ = kDefaultMemoryLimitMb;
     std::unique_ptr<NuclearMagneticResonanceParameters> parameters_;
     JobStatus status_ = JobStatus::Start;
     std::unique_ptr<RandomStream> stream_;
@@ -373,10 +373,8 @@ int runDriver(int argc, char** argv) {
     RunDriver driver(argc, argv);
     try {
         return driver.run();
-    } catch (const Exception& e) {
-        std::cout << "ERROR: " << e.message() << std::endl;
-    } catch (const std::exception& e) {
-        std::cout << "ERROR: " << e.what() << std::endl;
+    } catch (...) {
+        std::cout << "ERROR: " << currentExceptionText() << std::endl;
     }
     driver.writeStoppedFile();
     MPI_Abort(MPI_COMM_WORLD, 1);

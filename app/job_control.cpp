@@ -11,9 +11,9 @@ namespace nmr::app {
 
 namespace {
 
-namespace fs = std::filesystem;
+using mpi::kRoot;
 
-constexpr int kRoot = 0;
+namespace fs = std::filesystem;
 
 // Opens with truncation; false when the file cannot be opened or written.
 bool writeFile(const fs::path& path, const std::string& content) {

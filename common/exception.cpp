@@ -1,5 +1,8 @@
 #include "common/exception.h"
 
+#include <exception>
+#include <new>
+
 namespace nmr {
 
 Exception::Exception(std::string message)
@@ -20,5 +23,19 @@ Exception::~Exception() = default;
 std::string Exception::message() const { return message_ ? *message_ : std::string(); }
 
 void Exception::raise() const { throw *this; }
+
+std::string currentExceptionText() {
+    try {
+        throw;
+    } catch (const Exception& e) {
+        return e.message();
+    } catch (const std::bad_alloc&) {
+        return "out of memory";
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "unknown error";
+    }
+}
 
 }  // namespace nmr

@@ -45,4 +45,9 @@ NMR_DECLARE_EXCEPTION(MemoryAllocationException, Exception);
 // The progress reporter was asked to cancel.
 NMR_DECLARE_EXCEPTION(UserCancelException, Exception);
 
+// The text of the exception being handled, for use inside a catch block: the message of
+// one of the system's exceptions, "out of memory" for a failed allocation, what() of any
+// other standard exception (the YAML library's errors carry line and column there).
+std::string currentExceptionText();
+
 }  // namespace nmr

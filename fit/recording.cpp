@@ -9,7 +9,8 @@ namespace nmr::fit {
 
 namespace {
 
-constexpr int kRoot = 0;
+using mpi::kRoot;
+
 constexpr int kHistoriesTag = 41;
 // Pieces of at most 1 GiB: MPI counts are ints.
 constexpr std::size_t kLargestMessage = std::size_t{1} << 30;

@@ -11,6 +11,7 @@
 
 #include "common/exception.h"
 #include "common/logger.h"
+#include "grid/block_layout.h"
 #include "grid/bounded_data_block.h"
 #include "grid/grid.h"
 
@@ -89,13 +90,7 @@ public:
     void fillCell(std::uint32_t x, std::uint32_t y, std::uint32_t z, const T& value) {
         T& cell = writableCell(x, y, z);
         if (this->isInterior(x, y, z)) {
-            const Mineral::Type before = mineralOf(cell);
-            const Mineral::Type after = mineralOf(value);
-            const std::size_t n = this->counters_.size();
-            if (before != after && before < n && after < n) {
-                --this->counters_[before];
-                ++this->counters_[after];
-            }
+            countCellChange(cell, value, this->counters_, UncountedCodes::Skip);
         }
         cell = value;
         if (x == this->nx_ - 1 && y == this->ny_ - 1 && z == bandEnd(tz_[z]) - 1) {
@@ -247,28 +242,20 @@ private:
         return layout.sizes[i];
     }
 
-    static std::uint32_t blocksAlong(std::uint32_t n, std::uint32_t edge) {
-        return std::max<std::uint32_t>(1, n / edge);
-    }
-    static std::vector<std::uint32_t> lookupTable(std::uint32_t n, std::uint32_t edge,
-                                                  std::uint32_t blocks) {
-        std::vector<std::uint32_t> table(n);
-        for (std::uint32_t i = 0; i < n; ++i) table[i] = std::min(i / edge, blocks - 1);
-        return table;
-    }
     // Exclusive end of block b along an axis of n cells.
     std::uint32_t blockEnd(std::uint32_t b, std::uint32_t blocks, std::uint32_t n) const {
-        return b + 1 == blocks ? n : (b + 1) * edge_;
+        return BlockAxis::blockEnd(b, blocks, n, edge_);
     }
     std::uint32_t bandEnd(std::uint32_t bz) const { return blockEnd(bz, blocksZ_, this->nz_); }
 
     void buildLayout() {
-        blocksX_ = blocksAlong(this->nx_, edge_);
-        blocksY_ = blocksAlong(this->ny_, edge_);
-        blocksZ_ = blocksAlong(this->nz_, edge_);
-        tx_ = lookupTable(this->nx_, edge_, blocksX_);
-        ty_ = lookupTable(this->ny_, edge_, blocksY_);
-        tz_ = lookupTable(this->nz_, edge_, blocksZ_);
+        BlockAxis x(this->nx_, edge_), y(this->ny_, edge_), z(this->nz_, edge_);
+        blocksX_ = x.count;
+        blocksY_ = y.count;
+        blocksZ_ = z.count;
+        tx_ = std::move(x.blockOf);
+        ty_ = std::move(y.blockOf);
+        tz_ = std::move(z.blockOf);
         blocks_.reserve(static_cast<std::size_t>(blocksX_) * blocksY_ * blocksZ_);
         for (std::uint32_t bz = 0; bz < blocksZ_; ++bz)
             for (std::uint32_t by = 0; by < blocksY_; ++by)

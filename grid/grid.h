@@ -26,13 +26,24 @@ inline std::uint32_t mirrorIndex(std::int32_t i, std::uint32_t n) {
     return static_cast<std::uint32_t>(m < static_cast<std::int64_t>(n) ? m : period - m);
 }
 
-// Moves one counted cell from the old value's mineral to the new one's. A mineral code
-// beyond the counter table is a range error (std::out_of_range), not silent corruption.
+// What counting does with a mineral code beyond the counter table (14 and 15).
+enum class UncountedCodes {
+    Fail,  // a range error (std::out_of_range): the grid's own setters
+    Skip,  // left uncounted, so that a loader can store a damaged file's cells and the
+           // caller can find and report them afterwards
+};
+
+// Moves one counted cell from the old value's mineral to the new one's: the one rule
+// every grid kind and loader keeps its per-mineral counters by.
 template <typename T>
-void countCellChange(const T& oldValue, const T& newValue, std::vector<std::uint64_t>& counters) {
+void countCellChange(const T& oldValue, const T& newValue, std::vector<std::uint64_t>& counters,
+                     UncountedCodes uncounted = UncountedCodes::Fail) {
     const Mineral::Type before = mineralOf(oldValue);
     const Mineral::Type after = mineralOf(newValue);
     if (before == after) return;
+    if (uncounted == UncountedCodes::Skip &&
+        (before >= counters.size() || after >= counters.size()))
+        return;
     --counters.at(before);
     ++counters.at(after);
 }

@@ -72,12 +72,4 @@ std::string headerBlock(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz, st
     return out.str();
 }
 
-std::string trim(const std::string& text) {
-    static const char* const kBlanks = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string::npos) return {};
-    const std::size_t last = text.find_last_not_of(kBlanks);
-    return text.substr(first, last - first + 1);
-}
-
 }  // namespace nmr::grain_bed_grid

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
 #include "grid/mineral.h"
 
 namespace nmr {
@@ -47,9 +48,6 @@ inline void encodeRecords(const GrainBedGridCell* cells, std::size_t count, char
 inline Mineral::Type recordMineral(const char* record) {
     return static_cast<Mineral::Type>(static_cast<unsigned char>(record[3]) & 0x0Fu);
 }
-
-// Strips blanks, tabs, carriage returns and line feeds at both ends.
-std::string trim(const std::string& text);
 
 }  // namespace grain_bed_grid
 

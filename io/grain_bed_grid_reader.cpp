@@ -10,8 +10,6 @@ namespace nmr {
 
 namespace {
 
-using grain_bed_grid::trim;
-
 // Lines longer than this fail the stream and end the header.
 constexpr std::size_t kLineBufferBytes = 255;
 

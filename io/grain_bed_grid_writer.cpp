@@ -25,7 +25,7 @@ GrainBedGridWriter::GrainBedGridWriter(const std::string& path, std::uint32_t nx
                                        std::uint32_t nz, std::uint32_t marginX,
                                        std::uint32_t marginY, std::uint32_t marginZ,
                                        double cellSize, LoggerBase* logger, const char* headerError)
-    : path_(grain_bed_grid::trim(path)),
+    : path_(trim(path)),
       nx_(nx),
       ny_(ny),
       nz_(nz),

@@ -19,7 +19,7 @@ namespace {
 constexpr int kProbeCharacters = 100;
 
 std::string checkedName(const std::string& fileName) {
-    std::string name = grain_bed_grid::trim(fileName);
+    std::string name = trim(fileName);
     if (name.empty()) throw FileAccessException("Found empty string as file name.");
     return name;
 }
@@ -250,10 +250,8 @@ void placeCounted(G& target, std::uint32_t x, std::uint32_t y, std::uint32_t z,
                   Mineral::Type code) {
     using Cell = std::remove_pointer_t<decltype(target.sliceData(z))>;
     target.sliceData(z)[static_cast<std::size_t>(y) * target.nx() + x] = static_cast<Cell>(code);
-    if (code != Mineral::Pore && code < static_cast<std::size_t>(Mineral::count()) &&
-        target.isInterior(x, y, z)) {
-        --target.counters()[Mineral::Pore];
-        ++target.counters()[code];
+    if (target.isInterior(x, y, z)) {
+        countCellChange(Mineral::Pore, code, target.counters(), UncountedCodes::Skip);
     }
 }
 

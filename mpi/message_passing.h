@@ -51,6 +51,10 @@ inline MPI_Datatype datatype<double>() {
 
 inline MPI_Comm world() { return MPI_COMM_WORLD; }
 
+// The root of every rooted operation of a run: the process that reads the files, prints
+// and writes the outputs.
+inline constexpr int kRoot = 0;
+
 int rank();
 int size();
 

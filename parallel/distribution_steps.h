@@ -13,7 +13,7 @@
 
 namespace nmr::distribution {
 
-constexpr int kRoot = 0;
+using mpi::kRoot;
 
 // Runs step() and reports whether it succeeded. A process whose copy cannot be built
 // (no memory, a block that will not install) must still take part in every collective

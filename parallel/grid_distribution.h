@@ -16,6 +16,9 @@
 
 namespace nmr {
 
+// Memory per process in MiB when the command line does not say otherwise.
+inline constexpr std::uint32_t kDefaultMemoryLimitMb = 1500;
+
 // What the distribution step needs to know about the run.
 struct DistributionRequest {
     int rank = 0;
@@ -24,7 +27,7 @@ struct DistributionRequest {
     // Applied when enabled: only this sub-box of the file's interior is loaded.
     RegionOfInterest region;
     // Memory per process in MiB: decides between a plain and a compressed copy.
-    std::uint32_t memoryLimitMb = 1500;
+    std::uint32_t memoryLimitMb = kDefaultMemoryLimitMb;
     // Over all processes.
     std::int32_t numberOfWalkers = 0;
 };

@@ -4,7 +4,7 @@
 
 #include <array>
 #include <exception>
-#include <iostream>
+#include <ostream>
 
 #include "common/exception.h"
 #include "grid/mineral.h"
@@ -15,9 +15,10 @@ namespace nmr {
 
 namespace {
 
+using mpi::kRoot;
+
 using Record = NuclearMagneticResonanceParameters;
 
-constexpr int kRoot = 0;
 constexpr int kIntCount = 2;
 constexpr int kDoubleCount = 9;
 constexpr int kBoundCount = 6;
@@ -65,9 +66,9 @@ MineralValueMap<double> mapOfAllMinerals(const std::vector<double>& values) {
     return map;
 }
 
-void reportReadError(const std::string& path, const std::string& text) {
-    std::cout << "An error occurred while reading the input file " << path << ": " << text
-              << std::endl;
+void reportReadError(std::ostream& console, const std::string& path, const std::string& text) {
+    console << "An error occurred while reading the input file " << path << ": " << text
+            << std::endl;
 }
 
 }  // namespace
@@ -168,16 +169,15 @@ std::unique_ptr<Record> broadcastParameters(int rank, std::unique_ptr<Record> pa
     }
 }
 
-std::unique_ptr<Record> readParametersCollectively(int rank, int size, const std::string& path) {
+std::unique_ptr<Record> readParametersCollectively(int rank, int size, const std::string& path,
+                                                   std::ostream& console) {
     std::unique_ptr<Record> parameters;
     if (rank == kRoot) {
         try {
             parameters = readParameters(path);
-        } catch (const Exception& e) {
-            reportReadError(path, e.message());
-        } catch (const std::exception& e) {
+        } catch (...) {
             // The YAML library's own errors (syntax, conversion) carry line and column.
-            reportReadError(path, e.what());
+            reportReadError(console, path, currentExceptionText());
         }
     }
     bool ok = parameters != nullptr;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -30,11 +31,11 @@ std::unique_ptr<NuclearMagneticResonanceParameters> unpackParameters(
 std::unique_ptr<NuclearMagneticResonanceParameters> broadcastParameters(
     int rank, std::unique_ptr<NuclearMagneticResonanceParameters> parameters);
 
-// Collective. Process 0 reads path; a failure is printed there as
+// Collective. Process 0 reads path; a failure is printed on its console as
 // "An error occurred while reading the input file <path>: <text>" and every process gets
 // nothing. Otherwise every process gets the record (the full one on process 0, the
 // broadcast part elsewhere) only if every process managed to build one.
 std::unique_ptr<NuclearMagneticResonanceParameters> readParametersCollectively(
-    int rank, int size, const std::string& path);
+    int rank, int size, const std::string& path, std::ostream& console);
 
 }  // namespace nmr

@@ -28,8 +28,8 @@ namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using mpi::kRoot;
 
-constexpr int kRoot = 0;
 constexpr char kParameterPath[] = "./nmr.yaml";
 constexpr char kRecordingPath[] = "fit.walk";
 
@@ -46,7 +46,7 @@ public:
 
     int run() {
         if (!parseOptions()) return status_;
-        parameters_ = readParametersCollectively(rank_, size_, kParameterPath);
+        parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
         if (!parameters_) return 1;
         if (!agree([&] { readMeasured(); })) return 1;
         if (!agree([&] { tryRecordedWalk(); })) return 1;
@@ -72,12 +72,8 @@ private:
         try {
             step();
             return true;
-        } catch (const Exception& e) {
-            std::cerr << "nmrwalk-fit: error: " << e.message() << std::endl;
-        } catch (const std::bad_alloc&) {
-            std::cerr << "nmrwalk-fit: error: out of memory" << std::endl;
-        } catch (const std::exception& e) {
-            std::cerr << "nmrwalk-fit: error: " << e.what() << std::endl;
+        } catch (...) {
+            std::cerr << "nmrwalk-fit: error: " << currentExceptionText() << std::endl;
         }
         return false;
     }
@@ -259,11 +255,8 @@ int main(int argc, char** argv) {
         FitRun run(argc, argv);
         try {
             status = run.run();
-        } catch (const nmr::Exception& e) {
-            std::cerr << "nmrwalk-fit: error: " << e.message() << std::endl;
-            MPI_Abort(MPI_COMM_WORLD, 1);
-        } catch (const std::exception& e) {
-            std::cerr << "nmrwalk-fit: error: " << e.what() << std::endl;
+        } catch (...) {
+            std::cerr << "nmrwalk-fit: error: " << nmr::currentExceptionText() << std::endl;
             MPI_Abort(MPI_COMM_WORLD, 1);
         }
     }

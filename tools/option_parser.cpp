@@ -72,13 +72,6 @@ std::int64_t OptionParser::integer(const std::string& name, std::int64_t fallbac
     return text ? parseInteger(*text, "Option " + name + " needs an integer") : fallback;
 }
 
-std::string trim(const std::string& text) {
-    const char* blanks = " \t\r\n";
-    const auto first = text.find_first_not_of(blanks);
-    if (first == std::string::npos) return "";
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 std::int64_t parseInteger(const std::string& text, const std::string& what) {
     const std::string t = trim(text);
     char* end = nullptr;
@@ -130,12 +123,8 @@ const std::string& OptionParser::onlyPositional(const std::string& what) const {
 int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv) {
     try {
         return body(argc, argv);
-    } catch (const Exception& e) {
-        std::cerr << tool << ": error: " << e.message() << "\n";
-    } catch (const std::bad_alloc&) {
-        std::cerr << tool << ": error: out of memory\n";
-    } catch (const std::exception& e) {
-        std::cerr << tool << ": error: " << e.what() << "\n";
+    } catch (...) {
+        std::cerr << tool << ": error: " << currentExceptionText() << "\n";
     }
     return 1;
 }

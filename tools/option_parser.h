@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
+
 namespace nmr::tools {
 
 // The small command-line grammar shared by the companion tools: "--name value",
@@ -40,7 +42,6 @@ private:
     std::vector<std::string> positional_;
 };
 
-std::string trim(const std::string& text);
 // Whole-string conversions; `what` starts the message, the text follows after ": ".
 std::int64_t parseInteger(const std::string& text, const std::string& what);
 double parseDouble(const std::string& text, const std::string& what);

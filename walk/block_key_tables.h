@@ -8,9 +8,7 @@
 namespace nmr {
 
 // Voxel index -> block index along each axis, for ordering walkers by the block of a
-// blocked grid that holds them. The layout rule is the blocked grid's own: n / edge
-// blocks per axis (at least one), the last block running to the end of the axis, so it
-// may be up to 2 * edge - 1 voxels long.
+// blocked grid that holds them, in the blocked grid's own layout (grid/block_layout.h).
 struct BlockKeyTables {
     std::vector<std::uint32_t> tx;
     std::vector<std::uint32_t> ty;

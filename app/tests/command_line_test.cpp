@@ -3,6 +3,7 @@
 #include <sstream>
 
 #include "app/command_line.h"
+#include "parallel/grid_distribution.h"
 
 namespace nmr::app {
 namespace {
@@ -57,7 +58,7 @@ TEST(CommandLine, ResultLimitAndConsole) {
          }) {
         std::vector<std::string> commandLine = {"nmrwalk"};
         commandLine.insert(commandLine.end(), c.arguments.begin(), c.arguments.end());
-        std::uint32_t limit = kDefaultMemoryLimitMB;
+        std::uint32_t limit = kDefaultMemoryLimitMb;
         std::ostringstream out;
         EXPECT_EQ(handleCommandLine(c.rank, commandLine, limit, out), c.carryOn) << c.output;
         EXPECT_EQ(limit, c.limit) << c.output;

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <atomic>
 #include <fstream>
@@ -64,6 +65,21 @@ std::filesystem::file_time_type modified(const std::filesystem::path& path) {
     return std::filesystem::last_write_time(path, error);
 }
 
+// SIGKILL to every nmrwalk process working in dir, and to no other: tests run side by side.
+void killProcessesIn(const std::filesystem::path& dir) {
+    const auto target = std::filesystem::canonical(dir);
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::error_code error;
+        const auto cwd = std::filesystem::read_symlink(entry.path() / "cwd", error);
+        if (error || cwd != target) continue;
+        std::string command;
+        std::getline(std::ifstream(entry.path() / "cmdline"), command, '\0');
+        if (command == NMR_NMRWALK) ::kill(std::stoi(name), SIGKILL);
+    }
+}
+
 // Starts the run, waits until `checkpoints` checkpoints of process 0 have been written
 // (each replaces the file), then either kills every process of the job with SIGKILL or,
 // with `abortFile`, asks the job to stop through "ABORT".
@@ -87,7 +103,7 @@ void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = fa
     if (abortFile) {
         dir.write("ABORT", "");
     } else {
-        std::system(("pkill -KILL -f " + shellQuoted(std::string("^") + NMR_NMRWALK)).c_str());
+        killProcessesIn(dir.path());
     }
     job.join();
     ASSERT_FALSE(finished && seen < checkpoints) << "the run ended before it was interrupted";
