@@ -21,6 +21,7 @@
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
 #include "simulation/rock_summary.h"
+#include "simulation/run_setup.h"
 #include "simulation/walker_loop.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
@@ -129,17 +130,8 @@ private:
     }
 
     bool distributeGrid() {
-        DistributionRequest request;
-        request.rank = rank_;
-        request.size = size_;
-        request.gridPath = parameters_->grid();
-        if (const auto* region = parameters_->regionOfInterest()) {
-            request.region = region->regionOfInterest();
-        } else {
-            request.region.enabled = false;
-        }
-        request.memoryLimitMb = memoryLimitMB_;
-        request.numberOfWalkers = parameters_->numberOfWalkers();
+        const DistributionRequest request =
+            distributionRequest(*parameters_, rank_, size_, memoryLimitMB_);
         grid_ = distributeGridAndWalkers(request, *stream_, walkers_, std::cout);
         return static_cast<bool>(grid_);
     }

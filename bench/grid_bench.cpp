@@ -173,7 +173,8 @@ int main(int argc, char** argv) {
         writeTime += secondsSince(t);
         std::cout << "rasterise pack: " << rasterTime << " s (" << spheres.size() << " spheres)\n"
                   << "write: " << writeTime << " s, " << recordMb / writeTime << " MB/s, file "
-                  << std::filesystem::file_size(file) / (1024.0 * 1024.0) << " MiB\n";
+                  << static_cast<double>(std::filesystem::file_size(file)) / (1024.0 * 1024.0)
+                  << " MiB\n";
     }
 
     auto start = Clock::now();

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <vector>
 
 #include "grid/byte_mineral_grid.h"
@@ -85,8 +86,6 @@ double porosityOf(const nmr::SlicedGrid<Type>& grid) {
     return static_cast<double>(pore) / (static_cast<double>(kSize) * kSize * kSize);
 }
 
-}  // namespace
-
 // Best of several rounds of thread CPU time: on a shared machine the minimum is the
 // figure least disturbed by other work, and the walks and the bare loop alternate so all
 // see the same conditions.
@@ -95,86 +94,108 @@ struct Timing {
     double far = 1e300;
 };
 
+// The same grain pack in 4-byte and in 1-byte cells.
+struct Grids {
+    nmr::SlicedGrid<Type> wide{kSize, kSize, kSize, 0, 0, 0, 1.0};
+    nmr::ByteMineralGrid bytes{kSize, kSize, kSize, 0, 0, 0, 1.0};
+};
+
+void buildGrids(Grids& grids) {
+    const auto start = Clock::now();
+    nmr::RandomStream geometry(12345u);
+    paintGrains(grids.wide, geometry);
+    for (std::uint32_t z = 0; z < kSize; ++z)
+        std::copy_n(grids.wide.sliceData(z), std::size_t{kSize} * kSize, grids.bytes.sliceData(z));
+    std::printf("grid %u^3 built in %.2f s, porosity %.4f\n", kSize, secondsSince(start),
+                porosityOf(grids.wide));
+}
+
+struct Workload {
+    std::uint32_t stepsPerWalker;
+    std::vector<nmr::Walker> walkers;
+    nmr::AbsorptionTable table;
+};
+
+template <typename View>
+double walkAll(nmr::RandomStream& stream, const View& view, const Workload& work,
+               const std::vector<nmr::Walker>& set) {
+    const double t0 = threadSeconds();
+    double checksum = 0.0;
+    for (nmr::Walker walker : set) {
+        nmr::walkInterval(stream, walker, work.stepsPerWalker, 0.5, view, work.table);
+        checksum += walker.x + walker.y + walker.z;
+    }
+    sink(checksum);
+    return threadSeconds() - t0;
+}
+
+// The random numbers alone: four draws per step, as a step in the walk takes.
+double drawAll(nmr::RandomStream& stream, const Workload& work) {
+    const double t0 = threadSeconds();
+    // Four accumulators, so the loop is bound by the draws, not by one chain of adds.
+    double sums[4] = {0.0, 0.0, 0.0, 0.0};
+    for (std::size_t i = 0; i < work.walkers.size(); ++i) {
+        for (std::uint32_t n = 0; n < work.stepsPerWalker; ++n) {
+            sums[0] += stream.next();
+            sums[1] += stream.next();
+            sums[2] += stream.next();
+            sums[3] += stream.next();
+        }
+    }
+    sink(sums[0] + sums[1] + sums[2] + sums[3]);
+    return threadSeconds() - t0;
+}
+
+void report(const char* cells, const Timing& t, double steps, double bareNs) {
+    const double walkNs = t.walk * 1e9 / steps;
+    const double farNs = t.far * 1e9 / steps;
+    std::printf("%s cells, in the box:  %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n", cells,
+                walkNs, 1e9 / walkNs, walkNs / bareNs);
+    std::printf("%s cells, far out:     %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n", cells,
+                farNs, 1e9 / farNs, farNs / bareNs);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     const int walkerCount = argc > 1 ? std::atoi(argv[1]) : 4000;
     const auto stepsPerWalker = static_cast<std::uint32_t>(argc > 2 ? std::atol(argv[2]) : 2000);
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 7;
 
-    auto start = Clock::now();
-    nmr::SlicedGrid<Type> grid(kSize, kSize, kSize, 0, 0, 0, 1.0);
-    nmr::RandomStream geometry(12345u);
-    paintGrains(grid, geometry);
-    nmr::ByteMineralGrid bytes(kSize, kSize, kSize, 0, 0, 0, 1.0);
-    for (std::uint32_t z = 0; z < kSize; ++z)
-        std::copy_n(grid.sliceData(z), std::size_t{kSize} * kSize, bytes.sliceData(z));
-    std::printf("grid %u^3 built in %.2f s, porosity %.4f\n", kSize, secondsSince(start),
-                porosityOf(grid));
+    auto grids = std::make_unique<Grids>();
+    buildGrids(*grids);
 
     nmr::RandomStream stream(8008u);
-    std::vector<nmr::Walker> walkers;
-    nmr::createWalkers(stream, nmr::makeWalkGridView(grid), walkerCount, walkers);
+    Workload work{stepsPerWalker, {}, {}};
+    nmr::createWalkers(stream, nmr::makeWalkGridView(grids->wide), walkerCount, work.walkers);
     // The same walkers 20 mirror periods away: long walks spend most steps out there.
     const double shift = 20.0 * 2.0 * (kSize - 1);
-    std::vector<nmr::Walker> farWalkers = walkers;
+    std::vector<nmr::Walker> farWalkers = work.walkers;
     for (nmr::Walker& w : farWalkers) w = {w.x + shift, w.y - shift, w.z + shift};
 
     // Relaxivity 0 keeps every walker for the full step count (so steps are known
     // exactly) while every wall contact still costs its test draw.
     nmr::MineralValueMap<double> relaxivity;
-    nmr::AbsorptionTable table;
-    buildAbsorptionTable(relaxivity, 0.5, 1e-6, 2.3e-9, table);
+    buildAbsorptionTable(relaxivity, 0.5, 1e-6, 2.3e-9, work.table);
 
-    auto walkAll = [&](const auto& view, const std::vector<nmr::Walker>& set) {
-        const double t0 = threadSeconds();
-        double checksum = 0.0;
-        for (nmr::Walker walker : set) {
-            nmr::walkInterval(stream, walker, stepsPerWalker, 0.5, view, table);
-            checksum += walker.x + walker.y + walker.z;
-        }
-        sink(checksum);
-        return threadSeconds() - t0;
-    };
-    auto drawAll = [&]() {
-        const double t0 = threadSeconds();
-        // Four accumulators, so the loop is bound by the draws, not by one chain of adds.
-        double sums[4] = {0.0, 0.0, 0.0, 0.0};
-        for (int i = 0; i < walkerCount; ++i) {
-            for (std::uint32_t n = 0; n < stepsPerWalker; ++n) {
-                sums[0] += stream.next();
-                sums[1] += stream.next();
-                sums[2] += stream.next();
-                sums[3] += stream.next();
-            }
-        }
-        sink(sums[0] + sums[1] + sums[2] + sums[3]);
-        return threadSeconds() - t0;
-    };
-
-    const auto fourByteView = nmr::makeWalkGridView(grid);
-    const auto oneByteView = nmr::makeWalkGridView(bytes);
+    const auto fourByteView = nmr::makeWalkGridView(grids->wide);
+    const auto oneByteView = nmr::makeWalkGridView(grids->bytes);
     Timing fourBytes, oneByte;
     double bare = 1e300;
     for (int r = 0; r < rounds; ++r) {
-        fourBytes.walk = std::min(fourBytes.walk, walkAll(fourByteView, walkers));
-        oneByte.walk = std::min(oneByte.walk, walkAll(oneByteView, walkers));
-        bare = std::min(bare, drawAll());
-        fourBytes.far = std::min(fourBytes.far, walkAll(fourByteView, farWalkers));
-        oneByte.far = std::min(oneByte.far, walkAll(oneByteView, farWalkers));
+        fourBytes.walk =
+            std::min(fourBytes.walk, walkAll(stream, fourByteView, work, work.walkers));
+        oneByte.walk = std::min(oneByte.walk, walkAll(stream, oneByteView, work, work.walkers));
+        bare = std::min(bare, drawAll(stream, work));
+        fourBytes.far = std::min(fourBytes.far, walkAll(stream, fourByteView, work, farWalkers));
+        oneByte.far = std::min(oneByte.far, walkAll(stream, oneByteView, work, farWalkers));
     }
 
     const double steps = static_cast<double>(walkerCount) * stepsPerWalker;
     const double bareNs = bare * 1e9 / steps;
     std::printf("walkers %d x %u steps, best of %d rounds\n", walkerCount, stepsPerWalker, rounds);
     std::printf("bare 4 draws per step:     %6.2f ns/step\n", bareNs);
-    const auto report = [&](const char* cells, const Timing& t) {
-        const double walkNs = t.walk * 1e9 / steps;
-        const double farNs = t.far * 1e9 / steps;
-        std::printf("%s cells, in the box:  %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n",
-                    cells, walkNs, 1e9 / walkNs, walkNs / bareNs);
-        std::printf("%s cells, far out:     %6.2f ns/step  %.3g steps/s  ratio to bare %.2f\n",
-                    cells, farNs, 1e9 / farNs, farNs / bareNs);
-    };
-    report("4-byte", fourBytes);
-    report("1-byte", oneByte);
+    report("4-byte", fourBytes, steps, bareNs);
+    report("1-byte", oneByte, steps, bareNs);
     return 0;
 }

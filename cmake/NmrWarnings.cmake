@@ -1,6 +1,9 @@
 # Per-target warnings; -Werror only when NMR_WERROR is on (CI).
 function(nmr_set_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor -Wpedantic)
+  # Narrowing to a smaller integer or from an integer to a double is spelled out with a
+  # cast. g++ only: clang's -Wconversion also reports every signed/unsigned mix.
+  target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wconversion>)
   if(NMR_WERROR)
     # g++ 12's flow-based diagnostics misfire inside inlined standard-library code at -O2
     # (std::string and std::vector internals); they stay visible as warnings but do not

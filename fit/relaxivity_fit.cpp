@@ -52,6 +52,12 @@ std::vector<std::vector<double>> stencil(const std::vector<double>& u) {
     return points;
 }
 
+std::vector<double> exponentials(const std::vector<double>& u) {
+    std::vector<double> v(u.size());
+    for (std::size_t i = 0; i < u.size(); ++i) v[i] = std::exp(u[i]);
+    return v;
+}
+
 // Index of a stencil point: 1 + 2i (+h e_i), 2 + 2i (-h e_i), then the pairs in order.
 std::size_t axisPoint(std::size_t i, bool plus) { return 1 + 2 * i + (plus ? 0 : 1); }
 std::size_t pairPoint(std::size_t m, std::size_t i, std::size_t j, bool plusI, bool plusJ) {
@@ -190,22 +196,18 @@ DecayCurve RelaxivityFit::decayAt(const MineralValueMap<double>& relaxivity) con
                            false);
 }
 
-FitResult RelaxivityFit::fit(const FitRequest& request, std::uint32_t seed) const {
+RelaxivityFit::LogPoint RelaxivityFit::optimise(const FitRequest& request) const {
     const std::size_t m = request.minerals.size();
-    FitResult result;
-    auto valuesOf = [](const std::vector<double>& u) {
-        std::vector<double> v(u.size());
-        for (std::size_t i = 0; i < u.size(); ++i) v[i] = std::exp(u[i]);
-        return v;
-    };
-
-    std::vector<double> lower(m), upper(m), u(m);
+    LogPoint best;
+    best.lower.resize(m);
+    best.upper.resize(m);
+    best.u.resize(m);
     for (std::size_t i = 0; i < m; ++i) {
-        lower[i] = std::log(request.lower[i]);
-        upper[i] = std::log(request.upper[i]);
+        best.lower[i] = std::log(request.lower[i]);
+        best.upper[i] = std::log(request.upper[i]);
         const double start = run_.relaxivity.valueOr(request.minerals[i], 0.0);
-        u[i] = start > 0.0 ? std::clamp(std::log(start), lower[i], upper[i])
-                           : 0.5 * (lower[i] + upper[i]);
+        best.u[i] = start > 0.0 ? std::clamp(std::log(start), best.lower[i], best.upper[i])
+                                : 0.5 * (best.lower[i] + best.upper[i]);
     }
     struct Objective {
         const RelaxivityFit* self;
@@ -216,49 +218,47 @@ FitResult RelaxivityFit::fit(const FitRequest& request, std::uint32_t seed) cons
                        void* data) {
         auto* o = static_cast<Objective*>(data);
         ++o->evaluations;
-        std::vector<double> values(x.size());
-        for (std::size_t i = 0; i < x.size(); ++i) values[i] = std::exp(x[i]);
-        return o->self->misfitAt(o->self->relaxivities(o->request->minerals, values)).sumOfSquares;
+        return o->self->misfitAt(o->self->relaxivities(o->request->minerals, exponentials(x)))
+            .sumOfSquares;
     };
     // BOBYQA needs two or more variables; a single relaxivity goes to Powell's COBYLA,
     // the same family of derivative-free model-based methods.
     nlopt::opt optimiser(m >= 2 ? nlopt::LN_BOBYQA : nlopt::LN_COBYLA, static_cast<unsigned>(m));
-    optimiser.set_lower_bounds(lower);
-    optimiser.set_upper_bounds(upper);
+    optimiser.set_lower_bounds(best.lower);
+    optimiser.set_upper_bounds(best.upper);
     optimiser.set_min_objective(evaluate, &objective);
     optimiser.set_xtol_abs(1e-5);  // 0.001 % of a relaxivity
     optimiser.set_maxeval(600);
     std::vector<double> step(m);
-    for (std::size_t i = 0; i < m; ++i) step[i] = std::min(0.25, 0.25 * (upper[i] - lower[i]));
+    for (std::size_t i = 0; i < m; ++i)
+        step[i] = std::min(0.25, 0.25 * (best.upper[i] - best.lower[i]));
     optimiser.set_initial_step(step);
-    double best = 0.0;
+    double value = 0.0;
     try {
-        optimiser.optimize(u, best);
+        optimiser.optimize(best.u, value);
     } catch (const nlopt::roundoff_limited&) {
         // The misfit no longer changes at double precision: u holds the best point.
     } catch (const std::exception& e) {
         throw Exception(std::string("The optimiser failed: ") + e.what());
     }
-    result.evaluations = objective.evaluations;
-    result.value = valuesOf(u);
-    result.relaxivity = relaxivities(request.minerals, result.value);
-    result.misfit = misfitAt(result.relaxivity);
-    result.atBound.resize(m);
-    for (std::size_t i = 0; i < m; ++i) {
-        result.atBound[i] = u[i] <= lower[i] + 1e-6 || u[i] >= upper[i] - 1e-6;
-    }
+    best.evaluations = objective.evaluations;
+    return best;
+}
 
-    // The misfit and the simulated curve at the points of a finite-difference model.
-    const auto points = stencil(u);
-    std::vector<SurvivalSums> sums;
-    std::vector<MineralValueMap<double>> relaxivityAt;
-    for (const auto& p : points) {
-        relaxivityAt.push_back(relaxivities(request.minerals, valuesOf(p)));
-        sums.push_back(survivalSums(histories_, run_, relaxivityAt.back(), threads_));
+RelaxivityFit::LocalModel RelaxivityFit::localModel(const FitRequest& request,
+                                                    const std::vector<double>& u) const {
+    LocalModel model;
+    model.points = stencil(u);
+    for (const auto& p : model.points) {
+        model.relaxivity.push_back(relaxivities(request.minerals, exponentials(p)));
+        model.sums.push_back(survivalSums(histories_, run_, model.relaxivity.back(), threads_));
     }
-    result.evaluations += static_cast<int>(points.size());
+    return model;
+}
 
-    // Walkers: resample the chunks, one Newton step per resample.
+std::vector<double> RelaxivityFit::walkerSpread(const LocalModel& model, const LogPoint& best,
+                                                std::uint32_t seed) const {
+    const std::size_t m = best.u.size();
     const std::size_t chunks = histories_.chunks.size();
     std::mt19937 random(seed);
     std::uniform_int_distribution<std::size_t> pick(0, chunks > 0 ? chunks - 1 : 0);
@@ -267,28 +267,36 @@ FitResult RelaxivityFit::fit(const FitRequest& request, std::uint32_t seed) cons
     for (int b = 0; b < kResamples && chunks > 1; ++b) {
         std::fill(weights.begin(), weights.end(), 0.0);
         for (std::size_t c = 0; c < chunks; ++c) weights[pick(random)] += 1.0;
-        std::vector<double> phi(points.size());
-        for (std::size_t p = 0; p < points.size(); ++p) {
-            window_.interpolate(amplitudes(sums[p], relaxivityAt[p], weights), atMeasured);
+        std::vector<double> phi(model.points.size());
+        for (std::size_t p = 0; p < model.points.size(); ++p) {
+            window_.interpolate(amplitudes(model.sums[p], model.relaxivity[p], weights),
+                                atMeasured);
             phi[p] = misfit(atMeasured, window_.values()).sumOfSquares;
         }
         const auto delta = newtonStep(phi, m);
         if (delta.empty()) continue;
         // A refit stays inside the bounds, as the fit itself does.
         for (std::size_t i = 0; i < m; ++i) {
-            fitted[i].push_back(std::exp(std::clamp(u[i] + delta[i], lower[i], upper[i])));
+            fitted[i].push_back(
+                std::exp(std::clamp(best.u[i] + delta[i], best.lower[i], best.upper[i])));
         }
     }
+    std::vector<double> spreads(m);
+    for (std::size_t i = 0; i < m; ++i) spreads[i] = spread(fitted[i]);
+    return spreads;
+}
 
-    // Measurement: Gauss-Newton covariance of (ln relaxivities, scale).
+std::vector<double> RelaxivityFit::dataVariance(const LocalModel& model,
+                                                const Misfit& atBest) const {
+    // Gauss-Newton covariance of (ln relaxivities, scale).
+    const std::size_t m = (model.points.empty() ? 0 : model.points.front().size());
     const std::size_t n = window_.size();
     Eigen::MatrixXd jacobian(n, m + 1);
     std::vector<double> plus, minus;
     for (std::size_t i = 0; i < m; ++i) {
-        window_.interpolate(
-            amplitudes(sums[axisPoint(i, true)], relaxivityAt[axisPoint(i, true)], {}), plus);
-        window_.interpolate(
-            amplitudes(sums[axisPoint(i, false)], relaxivityAt[axisPoint(i, false)], {}), minus);
+        const std::size_t up = axisPoint(i, true), down = axisPoint(i, false);
+        window_.interpolate(amplitudes(model.sums[up], model.relaxivity[up], {}), plus);
+        window_.interpolate(amplitudes(model.sums[down], model.relaxivity[down], {}), minus);
         for (std::size_t j = 0; j < n; ++j) {
             jacobian(static_cast<Eigen::Index>(j), static_cast<Eigen::Index>(i)) =
                 (plus[j] - minus[j]) / (2.0 * kStep);
@@ -301,33 +309,50 @@ FitResult RelaxivityFit::fit(const FitRequest& request, std::uint32_t seed) cons
     // decay often scatter together (a simulated "measurement" always does, since its
     // points share walkers), which shrinks the information n points carry to that of
     // n (1 - r) / (1 + r) independent ones, r the lag-one correlation of the residuals.
-    std::vector<double> atBest;
-    window_.interpolate(amplitudes(sums[0], relaxivityAt[0], {}), atBest);
+    std::vector<double> simulated;
+    window_.interpolate(amplitudes(model.sums[0], model.relaxivity[0], {}), simulated);
     double lagged = 0.0, squared = 0.0;
     for (std::size_t j = 0; j < n; ++j) {
-        const double r = atBest[j] - result.misfit.scale * window_.values()[j];
+        const double r = simulated[j] - atBest.scale * window_.values()[j];
         squared += r * r;
         if (j + 1 < n) {
-            lagged += r * (atBest[j + 1] - result.misfit.scale * window_.values()[j + 1]);
+            lagged += r * (simulated[j + 1] - atBest.scale * window_.values()[j + 1]);
         }
     }
     const double correlation = squared > 0.0 ? std::clamp(lagged / squared, 0.0, 0.99) : 0.0;
-    const double residualVariance = n > m + 1 ? result.misfit.sumOfSquares /
-                                                    static_cast<double>(n - m - 1) *
-                                                    (1.0 + correlation) / (1.0 - correlation)
-                                              : 0.0;
+    const double residualVariance = n > m + 1
+                                        ? atBest.sumOfSquares / static_cast<double>(n - m - 1) *
+                                              (1.0 + correlation) / (1.0 - correlation)
+                                        : 0.0;
     const Eigen::MatrixXd normal = jacobian.transpose() * jacobian;
     const Eigen::MatrixXd covariance =
         residualVariance * normal.completeOrthogonalDecomposition().pseudoInverse();
+    std::vector<double> variances(m);
+    for (std::size_t i = 0; i < m; ++i)
+        variances[i] = covariance(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(i));
+    return variances;
+}
 
-    result.walkerSpread.resize(m);
+FitResult RelaxivityFit::fit(const FitRequest& request, std::uint32_t seed) const {
+    const std::size_t m = request.minerals.size();
+    const LogPoint best = optimise(request);
+    FitResult result;
+    result.value = exponentials(best.u);
+    result.relaxivity = relaxivities(request.minerals, result.value);
+    result.misfit = misfitAt(result.relaxivity);
+    result.atBound.resize(m);
+    for (std::size_t i = 0; i < m; ++i) {
+        result.atBound[i] = best.u[i] <= best.lower[i] + 1e-6 || best.u[i] >= best.upper[i] - 1e-6;
+    }
+
+    const LocalModel model = localModel(request, best.u);
+    result.evaluations = best.evaluations + static_cast<int>(model.points.size());
+    result.walkerSpread = walkerSpread(model, best, seed);
+    const std::vector<double> variances = dataVariance(model, result.misfit);
     result.dataSpread.resize(m);
     result.uncertainty.resize(m);
     for (std::size_t i = 0; i < m; ++i) {
-        result.walkerSpread[i] = spread(fitted[i]);
-        const double variance =
-            covariance(static_cast<Eigen::Index>(i), static_cast<Eigen::Index>(i));
-        result.dataSpread[i] = result.value[i] * std::sqrt(std::max(variance, 0.0));
+        result.dataSpread[i] = result.value[i] * std::sqrt(std::max(variances[i], 0.0));
         result.uncertainty[i] = std::hypot(result.walkerSpread[i], result.dataSpread[i]);
     }
     return result;

@@ -95,6 +95,25 @@ public:
     FitResult fit(const FitRequest& request, std::uint32_t seed) const;
 
 private:
+    // The fitted point in ln relaxivity, bounds in the same coordinates.
+    struct LogPoint {
+        std::vector<double> u, lower, upper;
+        int evaluations = 0;
+    };
+    // Survival sums at the stencil points around the fitted point, for a local model.
+    struct LocalModel {
+        std::vector<std::vector<double>> points;
+        std::vector<MineralValueMap<double>> relaxivity;
+        std::vector<SurvivalSums> sums;
+    };
+
+    LogPoint optimise(const FitRequest& request) const;
+    LocalModel localModel(const FitRequest& request, const std::vector<double>& u) const;
+    // Spread from the walkers: the fit repeated on resampled chunks, one Newton step each.
+    std::vector<double> walkerSpread(const LocalModel& model, const LogPoint& best,
+                                     std::uint32_t seed) const;
+    // Variances of ln relaxivity from the measurement's scatter (Gauss-Newton).
+    std::vector<double> dataVariance(const LocalModel& model, const Misfit& atBest) const;
     // Simulated amplitudes at every interval end up to the cut, per resample weights.
     std::vector<double> amplitudes(const SurvivalSums& sums,
                                    const MineralValueMap<double>& relaxivity,

@@ -36,7 +36,6 @@ std::vector<Type> makeAllTypes() {
 
 }  // namespace
 
-const std::map<Type, std::string>& nameTable() { return names(); }
 
 int count() { return static_cast<int>(names().size()); }
 

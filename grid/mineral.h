@@ -32,8 +32,6 @@ enum Type : std::uint32_t {
     Unknown = 15,
 };
 
-// The program-wide code -> display name table, built before main runs.
-const std::map<Type, std::string>& nameTable();
 // Size of the name table (14).
 int count();
 bool isValid(std::uint32_t code);

@@ -163,16 +163,10 @@ GridLoadGeometry computeGridLoadGeometry(const GrainBedGridHeader& header,
     GridLoadGeometry g;
     g.permutation = options.permutation;
     for (int i = 0; i < 3; ++i) {
-        g.size[i] = S[i];
-        g.margin[i] = M[i];
-        g.lo[i] = 0;
-        g.hi[i] = S[i];
-        if (!options.keepMargins) {
-            g.size[i] = static_cast<std::uint16_t>(S[i] - 2 * M[i]);
-            g.margin[i] = 0;
-            g.lo[i] = M[i];
-            g.hi[i] = static_cast<std::uint16_t>(S[i] - M[i]);
-        }
+        g.size[i] = static_cast<std::uint16_t>(S[i] - 2 * M[i]);
+        g.margin[i] = 0;
+        g.lo[i] = M[i];
+        g.hi[i] = static_cast<std::uint16_t>(S[i] - M[i]);
         if (r.enabled) {
             g.size[i] = static_cast<std::uint16_t>(rMax[i] - rMin[i]);
             g.margin[i] = 0;

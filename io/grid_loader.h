@@ -17,9 +17,8 @@
 
 namespace nmr {
 
+// A run always cuts the file's margins off: they belong to the stored box, not the sample.
 struct GridLoadOptions {
-    // Keep the file's margins as the grid's margins instead of cutting them off.
-    bool keepMargins = false;
     // Used only when enabled; counted from the file's first interior cell, max exclusive.
     RegionOfInterest region;
     // 0 keeps the axes, 1 exchanges x and y, 2 exchanges x and z.

@@ -20,6 +20,7 @@
 #include "mpi/message_passing.h"
 #include "parallel/grid_distribution.h"
 #include "params/parameter_broadcast.h"
+#include "simulation/run_setup.h"
 #include "tools/decay_file.h"
 #include "tools/fit_options.h"
 #include "tools/fit_report.h"
@@ -149,16 +150,7 @@ private:
     // All processes: the walk of nmrwalk, with every walker's contacts recorded.
     bool recordWalk() {
         auto stream = std::make_unique<RandomStream>(streamSeed(parameters_->randomSeed(), rank_));
-        DistributionRequest request;
-        request.rank = rank_;
-        request.size = size_;
-        request.gridPath = parameters_->grid();
-        if (const auto* region = parameters_->regionOfInterest()) {
-            request.region = region->regionOfInterest();
-        } else {
-            request.region.enabled = false;
-        }
-        request.numberOfWalkers = parameters_->numberOfWalkers();
+        const DistributionRequest request = distributionRequest(*parameters_, rank_, size_);
         std::vector<Walker> walkers;
         std::ostringstream quiet;
         DistributedGrid grid =

@@ -149,7 +149,7 @@ void SpherePore::fillSlice(std::uint32_t z, GrainBedGridCell* cells) const {
 
 SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                        const SpherePackSettings& definition)
-    : PoreGeometry(nx, ny, nz), spec_(definition) {
+    : PoreGeometry(nx, ny, nz), pack_(definition) {
     checkSize(nx, ny, nz);
     checkSolid(definition.solid);
     if (!(definition.targetPorosity > 0.0 && definition.targetPorosity < 1.0))
@@ -209,7 +209,7 @@ SpherePack::SpherePack(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
 
 void SpherePack::drawSpheres(std::vector<Sphere>& spheres, std::size_t count) const {
     // Redrawn from the seed every time, so a longer list starts with the shorter one.
-    std::mt19937_64 rng(spec_.seed);
+    std::mt19937_64 rng(pack_.seed);
     spheres.clear();
     spheres.reserve(count);
     const double reach = maxReach_;
@@ -218,8 +218,8 @@ void SpherePack::drawSpheres(std::vector<Sphere>& spheres, std::size_t count) co
         s.x = -reach + uniform(rng) * (nx_ + 2.0 * reach);
         s.y = -reach + uniform(rng) * (ny_ + 2.0 * reach);
         s.z = -reach + uniform(rng) * (nz_ + 2.0 * reach);
-        s.radius = spec_.radius * (1.0 + spec_.radiusSpread * (2.0 * uniform(rng) - 1.0));
-        s.coating = uniform(rng) < spec_.clayFraction ? spec_.solid.clayThickness : 0.0;
+        s.radius = pack_.radius * (1.0 + pack_.radiusSpread * (2.0 * uniform(rng) - 1.0));
+        s.coating = uniform(rng) < pack_.clayFraction ? pack_.solid.clayThickness : 0.0;
         s.index = static_cast<std::uint32_t>(i);
         spheres.push_back(s);
     }
@@ -290,7 +290,7 @@ void SpherePack::fillSlice(std::uint32_t z, GrainBedGridCell* cells) const {
     // Solid wins over clay: a coating never covers another grain.
     for (std::size_t i = 0; i < area; ++i) {
         if (grainOwner[i] != kNoSphere) {
-            cells[i] = grainCell(spec_.solid, grainNumber(grainOwner[i]));
+            cells[i] = grainCell(pack_.solid, grainNumber(grainOwner[i]));
         } else if (clayOwner[i] != kNoSphere) {
             cells[i] = clayCell(grainNumber(clayOwner[i]));
         } else {

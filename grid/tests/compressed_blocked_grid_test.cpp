@@ -56,13 +56,17 @@ TEST(CompressedBlockedGrid, MatchesPlainGridUnderTightBlockLimit) {
     SlicedGrid<Code> plain(nx, ny, nz, 1, 2, 1, 0.5);
     std::mt19937 rng(7);
     for (int i = 0; i < 4000; ++i) {
-        const std::uint32_t x = rng() % nx, y = rng() % ny, z = rng() % nz;
+        const auto x = static_cast<std::uint32_t>(rng() % nx);
+        const auto y = static_cast<std::uint32_t>(rng() % ny);
+        const auto z = static_cast<std::uint32_t>(rng() % nz);
         const auto value = static_cast<Code>(rng() % 14);
         packed.setCell(x, y, z, value);
         plain.setCell(x, y, z, value);
         ASSERT_LE(packed.expandedBlockCount(), 2u);
         if (i % 7 == 0) {
-            const std::uint32_t rx = rng() % nx, ry = rng() % ny, rz = rng() % nz;
+            const auto rx = static_cast<std::uint32_t>(rng() % nx);
+            const auto ry = static_cast<std::uint32_t>(rng() % ny);
+            const auto rz = static_cast<std::uint32_t>(rng() % nz);
             ASSERT_EQ(packed.at(rx, ry, rz), plain.at(rx, ry, rz));
         }
     }
@@ -104,7 +108,10 @@ TEST(CompressedBlockedGrid, TransferThroughLayoutIndexAndBlockBytes) {
     CompressedBlockedGrid<Code> source(20, 9, 17, 2, 1, 3, 0.25, 8, 3);
     std::mt19937 rng(11);
     for (int i = 0; i < 600; ++i) {
-        source.setCell(rng() % 20, rng() % 9, rng() % 17, static_cast<Code>(rng() % 14));
+        const auto x = static_cast<std::uint32_t>(rng() % 20);
+        const auto y = static_cast<std::uint32_t>(rng() % 9);
+        const auto z = static_cast<std::uint32_t>(rng() % 17);
+        source.setCell(x, y, z, static_cast<Code>(rng() % 14));
     }
     // Leave one changed block expanded: its bytes must still be current when sent.
     source.setCell(19, 8, 16, Mineral::Pyrite);

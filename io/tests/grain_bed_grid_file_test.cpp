@@ -29,7 +29,9 @@ TEST_F(GridFileTest, WholeGridAndSliceWriterGiveTheSameExactFile) {
     std::mt19937 rng(3);
     for (std::uint32_t i = 0; i < 60; ++i) {
         grid.setCell(i % 5, i / 5 % 4, i / 20,
-                     GrainBedGridCell::make(rng() & 0xFFFFFF, rng() % 14, rng() % 16));
+                     GrainBedGridCell::make(static_cast<std::uint32_t>(rng() & 0xFFFFFF),
+                                            static_cast<std::uint32_t>(rng() % 14),
+                                            static_cast<std::uint32_t>(rng() % 16)));
     }
     RecordingLogger log;
     NullProgressReporter progress;

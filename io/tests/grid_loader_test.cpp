@@ -29,9 +29,8 @@ protected:
 };
 
 RegionOfInterest cube(std::uint32_t lo, std::uint32_t hi) { return {lo, hi, lo, hi, lo, hi, true}; }
-GridLoadOptions load(bool keep, RegionOfInterest region = {}, int permutation = 0,
-                     Cell extra = {}) {
-    return {keep, region, permutation, extra, false};
+GridLoadOptions load(RegionOfInterest region = {}, int permutation = 0, Cell extra = {}) {
+    return {region, permutation, extra, false};
 }
 
 struct PlacementCase {
@@ -85,17 +84,13 @@ TEST_P(PlacementTest, SlicedAndCompressedGridsHoldTheRightCells) {
 INSTANTIATE_TEST_SUITE_P(Cases, PlacementTest, ::testing::Values(
     PlacementCase{"MarginsCut", {10, 10, 10}, 2, {}, {6, 6, 6}, {0, 0, 0},
                   {{{2, 2, 2}, {0, 0, 0}}, {{7, 7, 7}, {5, 5, 5}}, {{7, 2, 4}, {5, 0, 2}}}},
-    PlacementCase{"MarginsKept", {10, 10, 10}, 2, load(true), {10, 10, 10}, {2, 2, 2},
-                  {{{0, 0, 0}, {0, 0, 0}}, {{9, 8, 1}, {9, 8, 1}}}},
-    PlacementCase{"Region", {10, 10, 10}, 2, load(false, cube(1, 4)), {3, 3, 3}, {0, 0, 0},
+    PlacementCase{"Region", {10, 10, 10}, 2, load(cube(1, 4)), {3, 3, 3}, {0, 0, 0},
                   {{{3, 3, 3}, {0, 0, 0}}, {{5, 5, 5}, {2, 2, 2}}, {{5, 3, 4}, {2, 0, 1}}}},
-    PlacementCase{"RegionKeepingMargins", {10, 10, 10}, 2, load(true, cube(1, 4)), {3, 3, 3},
-                  {0, 0, 0}, {{{3, 3, 3}, {0, 0, 0}}, {{5, 5, 5}, {2, 2, 2}}}},
-    PlacementCase{"SwapXY", {4, 6, 8}, 0, load(false, {}, 1), {6, 4, 8}, {0, 0, 0},
+    PlacementCase{"SwapXY", {4, 6, 8}, 0, load({}, 1), {6, 4, 8}, {0, 0, 0},
                   {{{1, 2, 3}, {2, 1, 3}}, {{3, 5, 7}, {5, 3, 7}}}},
-    PlacementCase{"SwapXZ", {4, 6, 8}, 0, load(false, {}, 2), {8, 6, 4}, {0, 0, 0},
+    PlacementCase{"SwapXZ", {4, 6, 8}, 0, load({}, 2), {8, 6, 4}, {0, 0, 0},
                   {{{1, 2, 3}, {3, 2, 1}}, {{3, 5, 7}, {7, 5, 3}}}},
-    PlacementCase{"ExtraMarginAfterSwap", {5, 6, 7}, 1, load(false, {}, 1, {1, 2, 3}), {6, 7, 11},
+    PlacementCase{"ExtraMarginAfterSwap", {5, 6, 7}, 1, load({}, 1, {1, 2, 3}), {6, 7, 11},
                   {1, 2, 3}, {{{1, 1, 1}, {1, 2, 3}}, {{3, 2, 5}, {2, 4, 7}}}}),
     [](const auto& p) { return p.param.name; });
 // clang-format on
@@ -114,8 +109,10 @@ TEST_F(LoaderTest, NotEnoughMemoryNamesTheNeededFigure) {
     const std::string file = writeGrid("m.binc", {40, 40, 40}, 0);
     auto fits = loadCompressedBlockedGrid(file, {}, 100.0, log_, progress_, 16);
     // ceil of (block + overhead) * 1.1, both in MiB: the same figure the refusal must print.
-    const double mib = 1024.0 * 1024.0, blockBytes = fits->largestBlockCells() * 4.0;
-    const double figure = std::ceil((blockBytes / mib + fits->overheadBytes() / mib) * 1.1);
+    const double mib = 1024.0 * 1024.0,
+                 blockBytes = static_cast<double>(fits->largestBlockCells()) * 4.0;
+    const double figure =
+        std::ceil((blockBytes / mib + static_cast<double>(fits->overheadBytes()) / mib) * 1.1);
     std::ostringstream expected;
     expected << "Not enough memory available, need at least " << figure << " MB for the grid.";
     EXPECT_EQ(messageOf([&] { loadCompressedBlockedGrid(file, {}, 0.05, log_, progress_, 16); }),
@@ -183,9 +180,9 @@ INSTANTIATE_TEST_SUITE_P(Cases, BadInputTest, ::testing::Values(
     BadInput{"TextNegativeCode", kRaw, "a\nb\n1 1 2\n0 1 0 1 0 1\n-1 3\n", kNotMineral},
     BadInput{"Missing", kMissing, "", "Could not open file: "},
     BadInput{"RegionTooLarge", kGzip, good(), "Region of interest is larger than grid size",
-             load(false, cube(0, 5))},
+             load(cube(0, 5))},
     // A region as large as the whole file is accepted; its cells past the file stay pore.
-    BadInput{"RegionAsLargeAsFile", kGzip, good(), "", load(false, cube(0, 4))}),
+    BadInput{"RegionAsLargeAsFile", kGzip, good(), "", load(cube(0, 4))}),
     [](const auto& p) { return p.param.name; });
 // clang-format on
 
@@ -230,7 +227,7 @@ TEST_F(LoaderTest, MutatedFilesNeverCrash) {
         // Even runs damage the gzip bytes, odd ones the decoded text and records.
         std::string bytes = i % 2 ? good : packed;
         const std::size_t at = rng() % bytes.size();
-        const unsigned kind = rng() % 3;
+        const auto kind = static_cast<unsigned>(rng() % 3);
         if (kind == 0) bytes[at] = static_cast<char>(rng());
         if (kind == 1) bytes.erase(at, 1 + rng() % 8);
         if (kind == 2) bytes.resize(std::max<std::size_t>(at, 1));
