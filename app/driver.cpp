@@ -21,6 +21,7 @@
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
 #include "simulation/rock_summary.h"
+#include "simulation/run_results.h"
 #include "simulation/run_setup.h"
 #include "simulation/walker_loop.h"
 #include "t2/decay_output.h"
@@ -41,8 +42,6 @@ constexpr int kEarlyEnd = -1;  // all bits set; the shell shows 255
 constexpr const char* kParameterPath = "./nmr.yaml";
 constexpr std::uint32_t kInitialisationPhase = 0;
 constexpr std::uint32_t kPhaseCount = 2;
-// Largest accepted ratio of the first to the last kept singular value of the kernel.
-constexpr double kMaxConditionRatio = 1000000.0;
 // About this many progress signals per run.
 constexpr double kProgressSignals = 50.0;
 
@@ -292,22 +291,16 @@ private:
         return written;
     }
 
+    // The decay is printed and written before the inversion runs, so a failing
+    // inversion still leaves the decay behind.
     void writeResults(const ReducedAbsorptions& reduced) {
-        const DecayCurve curve =
-            buildDecayCurve(reduced.counts, plan_.schedule.intervalEndTime,
-                            parameters_->numberOfWalkers(), decayModelOf(summary_));
+        const DecayCurve curve = runDecay(reduced.counts, plan_, summary_, *parameters_);
         for (std::size_t i = 0; i < curve.times.size(); ++i) {
             std::cout << curve.times[i] << ": " << curve.values[i] << std::endl;
         }
         t2::writeColumns(curve.times, curve.values, t2::kDecayFileName);
-
-        const std::vector<double> axis = t2::makeT2Grid(
-            parameters_->t2Minimum(), parameters_->t2Maximum(), parameters_->t2Components());
-        std::vector<double> amplitudes;
-        double lambda = -1.0;
-        t2::T2Inversion inversion;
-        inversion.solve(curve.times, curve.values, axis, kMaxConditionRatio, amplitudes, lambda);
-        t2::writeColumns(axis, amplitudes, t2::kInversionFileName);
+        const t2::T2Distribution d = runInversion(curve, *parameters_);
+        t2::writeColumns(d.t2, d.amplitude, t2::kInversionFileName);
     }
 
     void printTiming() const {

@@ -1,10 +1,12 @@
 #include "io/grid_loader.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <new>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "common/exception.h"
 #include "io/compressed_in_stream.h"
@@ -84,6 +86,26 @@ auto createGrid(const std::string& name, LoggerBase& logger, Make make) {
     }
 }
 
+// Hands each cell of source slice z that lies in the loaded box to place(x, y, z, code) in
+// grid coordinates; codeAt(x, y) is the cell's mineral code in the source.
+template <typename CodeAt, typename Place>
+void placeSlice(const GridLoadGeometry& g, std::uint32_t nx, std::uint32_t ny, std::uint32_t z,
+                CodeAt&& codeAt, Place&& place) {
+    if (z < g.lo[2] || z >= g.hi[2]) return;
+    const std::uint32_t x1 = std::min<std::uint32_t>(g.hi[0], nx);
+    const std::uint32_t y1 = std::min<std::uint32_t>(g.hi[1], ny);
+    const std::uint32_t dz = z - g.lo[2];
+    for (std::uint32_t y = g.lo[1]; y < y1; ++y) {
+        const std::uint32_t dy = y - g.lo[1];
+        for (std::uint32_t x = g.lo[0]; x < x1; ++x) {
+            std::uint32_t d[3] = {x - g.lo[0], dy, dz};
+            if (g.permutation == 1) std::swap(d[0], d[1]);
+            if (g.permutation == 2) std::swap(d[0], d[2]);
+            place(g.offset[0] + d[0], g.offset[1] + d[1], g.offset[2] + d[2], codeAt(x, y));
+        }
+    }
+}
+
 // Reads every slice of the file and hands each kept record to place(x, y, z, code) in
 // grid coordinates, in file order.
 template <typename Place>
@@ -91,8 +113,6 @@ void readCells(OpenGridFile& file, const GridLoadGeometry& g, const GridLoadOpti
                LoggerBase& logger, ProgressReporter& progress, Place&& place) {
     const GrainBedGridHeader& h = file.header;
     const std::uint32_t nx = h.nx, ny = h.ny, nz = h.nz;
-    const std::uint32_t x1 = std::min<std::uint32_t>(g.hi[0], nx);
-    const std::uint32_t y1 = std::min<std::uint32_t>(g.hi[1], ny);
     GrainBedGridSliceReader reader(*file.in, nx, ny, logger);
     for (std::uint32_t z = 0; z < nz; ++z) {
         if (options.disableCancel) {
@@ -102,21 +122,14 @@ void readCells(OpenGridFile& file, const GridLoadGeometry& g, const GridLoadOpti
         }
         // Slices outside the box are read too: a short file is an error wherever it ends.
         const char* records = reader.next();
-        if (z < g.lo[2] || z >= g.hi[2]) continue;
-        const std::uint32_t dz = z - g.lo[2];
-        for (std::uint32_t y = g.lo[1]; y < y1; ++y) {
-            const char* row =
-                records + (static_cast<std::size_t>(y) * nx) * grain_bed_grid::kRecordBytes;
-            const std::uint32_t dy = y - g.lo[1];
-            for (std::uint32_t x = g.lo[0]; x < x1; ++x) {
-                const Mineral::Type code =
-                    grain_bed_grid::recordMineral(row + x * grain_bed_grid::kRecordBytes);
-                std::uint32_t d[3] = {x - g.lo[0], dy, dz};
-                if (g.permutation == 1) std::swap(d[0], d[1]);
-                if (g.permutation == 2) std::swap(d[0], d[2]);
-                place(g.offset[0] + d[0], g.offset[1] + d[1], g.offset[2] + d[2], code);
-            }
-        }
+        placeSlice(
+            g, nx, ny, z,
+            [records, nx](std::uint32_t x, std::uint32_t y) {
+                return grain_bed_grid::recordMineral(records +
+                                                     (static_cast<std::size_t>(y) * nx + x) *
+                                                         grain_bed_grid::kRecordBytes);
+            },
+            place);
     }
     progress.finish();
 }
@@ -319,6 +332,43 @@ std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> loadCompressedBlockedGrid(
     // The caller's logger need not outlive the grid.
     grid->setLogger(nullptr);
     grid->applyMemoryBudget(availableMb);
+    return grid;
+}
+
+std::shared_ptr<ByteMineralGrid> buildByteMineralGrid(const MineralVolume& volume,
+                                                      const GridLoadOptions& options) {
+    constexpr std::uint32_t kLargestSide = 32767;
+    for (std::uint32_t side : {volume.nx, volume.ny, volume.nz}) {
+        if (side < 1 || side > kLargestSide)
+            throw Exception(
+                "Grid sides must lie between 1 and 32767 cells: " + std::to_string(volume.nx) +
+                " x " + std::to_string(volume.ny) + " x " + std::to_string(volume.nz));
+    }
+    GrainBedGridHeader header;
+    header.nx = static_cast<std::uint16_t>(volume.nx);
+    header.ny = static_cast<std::uint16_t>(volume.ny);
+    header.nz = static_cast<std::uint16_t>(volume.nz);
+    header.cellSize = volume.cellSize;
+    const GridLoadGeometry g = computeGridLoadGeometry(header, options);
+    for (std::uint16_t s : g.size) {
+        if (static_cast<std::int16_t>(s) <= 0) throw Exception("The region of interest is empty");
+    }
+    auto grid = std::make_shared<ByteMineralGrid>(g.size[0], g.size[1], g.size[2], g.margin[0],
+                                                  g.margin[1], g.margin[2], volume.cellSize);
+    std::vector<std::uint8_t> codes(static_cast<std::size_t>(volume.nx) * volume.ny);
+    const std::uint32_t nx = volume.nx;
+    for (std::uint32_t z = 0; z < volume.nz; ++z) {
+        if (z < g.lo[2] || z >= g.hi[2]) continue;
+        volume.slice(z, codes.data());
+        placeSlice(
+            g, volume.nx, volume.ny, z,
+            [&codes, nx](std::uint32_t x, std::uint32_t y) {
+                return static_cast<Mineral::Type>(codes[static_cast<std::size_t>(y) * nx + x]);
+            },
+            [&grid](std::uint32_t x, std::uint32_t y, std::uint32_t zz, Mineral::Type code) {
+                placeCounted(*grid, x, y, zz, code);
+            });
+    }
     return grid;
 }
 

@@ -91,4 +91,20 @@ std::shared_ptr<CompressedBlockedGrid<Mineral::Type>> loadCompressedBlockedGrid(
     LoggerBase& logger, ProgressReporter& progress,
     std::uint32_t blockEdge = CompressedBlockedGrid<Mineral::Type>::kDefaultBlockEdge);
 
+// A rock already in memory, handed over one z slice at a time: the counterpart of a grid
+// file without margins, for callers that build their rock themselves. Its sides obey the
+// limits of the file's header (1 to 32767 cells).
+struct MineralVolume {
+    std::uint32_t nx = 0, ny = 0, nz = 0;
+    double cellSize = 0.0;  // micrometres
+    // Writes the nx * ny mineral codes of slice z, x fastest; may throw to abandon the build.
+    std::function<void(std::uint32_t z, std::uint8_t* codes)> slice;
+};
+
+// The one-byte grid that loading a grid file of the same cells with these options gives:
+// same sizes, margins, cells and counters. Throws Exception for sides out of range,
+// FileAccessException "Region of interest is larger than grid size" as a load would.
+std::shared_ptr<ByteMineralGrid> buildByteMineralGrid(const MineralVolume& volume,
+                                                      const GridLoadOptions& options);
+
 }  // namespace nmr

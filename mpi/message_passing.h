@@ -109,10 +109,11 @@ T reduce(T value, MPI_Op op, int root) {
 // Element-wise: the count is send's length; recv must already hold that many
 // elements on the root.
 template <typename T>
-void reduce(const std::vector<T>& send, std::vector<T>& recv, MPI_Op op, int root) {
+void reduce(const std::vector<T>& send, std::vector<T>& recv, MPI_Op op, int root,
+            MPI_Comm comm = world()) {
     const int count = static_cast<int>(send.size());
     MPI_Reduce(count ? send.data() : nullptr, recv.empty() ? nullptr : recv.data(), count,
-               datatype<T>(), op, root, world());
+               datatype<T>(), op, root, comm);
 }
 
 // --- point to point --------------------------------------------------------------

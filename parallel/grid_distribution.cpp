@@ -5,6 +5,7 @@
 #include "common/logger.h"
 #include "mpi/message_passing.h"
 #include "parallel/distribution_steps.h"
+#include "walk/walker_creation.h"
 
 namespace nmr {
 
@@ -189,6 +190,15 @@ DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, Ran
     if (!plan.readable) return {};
     return plan.compressed ? distribution::distributeCompressed(request, stream, walkers, console)
                            : distribution::distributePlain(request, plan, stream, walkers, console);
+}
+
+DistributedGrid adoptLocalGrid(std::shared_ptr<ByteMineralGrid> grid, std::int32_t numberOfWalkers,
+                               RandomStream& stream, std::vector<Walker>& walkers,
+                               std::ostream& console) {
+    if (!distribution::checkVoxels(*grid, console)) return {};
+    if (numberOfWalkers > 0 && !distribution::hasStartablePore(*grid, console)) return {};
+    createWalkers(stream, makeWalkGridView(*grid), numberOfWalkers, walkers);
+    return DistributedGrid(std::move(grid));
 }
 
 }  // namespace nmr

@@ -84,4 +84,12 @@ std::int32_t localWalkerCount(std::int32_t total, int rank, int size);
 DistributedGrid distributeGridAndWalkers(const DistributionRequest& request, RandomStream& stream,
                                          std::vector<Walker>& walkers, std::ostream& console);
 
+// A grid this process built in memory and keeps to itself: the checks a loaded grid
+// passes, then every walker drawn from `stream`, as a run at one process draws them. No
+// other process takes part. On failure the reason goes to `console` and the result is
+// empty; std::bad_alloc escapes.
+DistributedGrid adoptLocalGrid(std::shared_ptr<ByteMineralGrid> grid, std::int32_t numberOfWalkers,
+                               RandomStream& stream, std::vector<Walker>& walkers,
+                               std::ostream& console);
+
 }  // namespace nmr

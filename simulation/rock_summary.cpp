@@ -1,5 +1,7 @@
 #include "simulation/rock_summary.h"
 
+#include <type_traits>
+
 namespace nmr {
 
 namespace {
@@ -23,34 +25,54 @@ RockSummary computeRockSummary(NuclearMagneticResonanceParameters& parameters,
     return s;
 }
 
+std::vector<RockSummaryEntry> rockSummaryEntries(
+    const RockSummary& s, const NuclearMagneticResonanceParameters& parameters,
+    const Grid<Mineral::Type>& grid) {
+    const auto* region = parameters.regionOfInterest();
+    const SaturationSummary& w = s.saturation;
+    // The total water saturation stands under the "in clay" label and the clay share of
+    // the pore space under "bulk+clay": that pairing is what readers of this report have
+    // always seen, so it stays.
+    return {
+        {"Data size", std::array<std::uint32_t, 3>{grid.nx(), grid.ny(), grid.nz()}},
+        {"Is sub region", (region && region->isEnabled()) ? 1LL : 0LL},
+        {"Intergranular porosity", w.intergranularPorosity},
+        {"Clay amount", w.clayAmount},
+        {"Clay Micro Porosity (input)", parameters.clayMicroPorosity()},
+        {"Total porosity", w.totalPorosity},
+        {"Micro Porosity (input)", w.microPorosity},
+        {"Swi (in clay)", w.totalWaterSaturation},
+        {"Sw (bulk+clay)", w.clayFraction},
+        {"Sw (bulk)", w.bulkWaterSaturation},
+        {"Soil", w.oilSaturation},
+        {"Bulk T2 Water", s.bulkT2Ms},
+        {"T2_micro", s.clay.t2Micro},
+        {"Step (voxels)", parameters.stepLength()},
+        {"Resolution", s.resolutionM},
+        {"Diffusion constant water", parameters.diffusionConstantWater()},
+        {"Diffusion constant oil", parameters.diffusionConstantOil()},
+        {"Magnetic field contribution water", s.fieldTerm},
+        {"Random Walkers", static_cast<long long>(parameters.numberOfWalkers())},
+    };
+}
+
 void printRockSummary(std::ostream& out, const RockSummary& s,
                       const NuclearMagneticResonanceParameters& parameters,
                       const Grid<Mineral::Type>& grid) {
-    const auto* region = parameters.regionOfInterest();
-    const SaturationSummary& w = s.saturation;
-    out << "Data size: [" << grid.nx() << ", " << grid.ny() << ", " << grid.nz() << "]"
-        << std::endl;
-    out << "Is sub region: " << ((region && region->isEnabled()) ? 1 : 0) << std::endl;
-    out << "Intergranular porosity: " << w.intergranularPorosity << std::endl;
-    out << "Clay amount: " << w.clayAmount << std::endl;
-    out << "Clay Micro Porosity (input): " << parameters.clayMicroPorosity() << std::endl;
-    out << "Total porosity: " << w.totalPorosity << std::endl;
-    out << "Micro Porosity (input): " << w.microPorosity << std::endl;
-    // The total water saturation stands under the "in clay" label and the clay share
-    // of the pore space under "bulk+clay": that pairing is what readers of this report
-    // have always seen, so it stays.
-    out << "Swi (in clay): " << w.totalWaterSaturation << std::endl;
-    out << "Sw (bulk+clay): " << w.clayFraction << std::endl;
-    out << "Sw (bulk): " << w.bulkWaterSaturation << std::endl;
-    out << "Soil: " << w.oilSaturation << std::endl;
-    out << "Bulk T2 Water: " << s.bulkT2Ms << std::endl;
-    out << "T2_micro: " << s.clay.t2Micro << std::endl;
-    out << "Step (voxels): " << parameters.stepLength() << std::endl;
-    out << "Resolution: " << s.resolutionM << std::endl;
-    out << "Diffusion constant water: " << parameters.diffusionConstantWater() << std::endl;
-    out << "Diffusion constant oil: " << parameters.diffusionConstantOil() << std::endl;
-    out << "Magnetic field contribution water: " << s.fieldTerm << std::endl;
-    out << "Random Walkers: " << parameters.numberOfWalkers() << std::endl;
+    for (const RockSummaryEntry& entry : rockSummaryEntries(s, parameters, grid)) {
+        out << entry.label << ": ";
+        std::visit(
+            [&out](const auto& value) {
+                if constexpr (std::is_same_v<std::decay_t<decltype(value)>,
+                                             std::array<std::uint32_t, 3>>) {
+                    out << "[" << value[0] << ", " << value[1] << ", " << value[2] << "]";
+                } else {
+                    out << value;
+                }
+            },
+            entry.value);
+        out << std::endl;
+    }
     out << "\n\n" << std::flush;
 }
 

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <ostream>
+#include <string>
+#include <variant>
+#include <vector>
 
 #include "grid/grid.h"
 #include "params/nmr_parameters.h"
@@ -26,6 +30,17 @@ struct RockSummary {
 
 RockSummary computeRockSummary(NuclearMagneticResonanceParameters& parameters,
                                const Grid<Mineral::Type>& grid);
+
+// One line of the summary block: its label and its value (the grid's sizes, a whole
+// number or a real one).
+using RockSummaryValue = std::variant<std::array<std::uint32_t, 3>, long long, double>;
+struct RockSummaryEntry {
+    std::string label;
+    RockSummaryValue value;
+};
+std::vector<RockSummaryEntry> rockSummaryEntries(
+    const RockSummary& summary, const NuclearMagneticResonanceParameters& parameters,
+    const Grid<Mineral::Type>& grid);
 
 // The summary block of process 0, each line flushed, then a blank pair of lines.
 void printRockSummary(std::ostream& out, const RockSummary& summary,

@@ -31,15 +31,15 @@ struct WalkerLoopOutcome {
 
 // Walks the local walkers from firstWalker on, in array order, and counts the interval of
 // each (firstWalker > 0 takes up a walk saved at a poll: the stream and the histogram must
-// be those of that moment). Collective over the world communicator.
+// be those of that moment). Collective over comm.
 template <typename G>
 WalkerLoopOutcome walkWalkers(const G& grid, const std::vector<Walker>& walkers,
                               RandomStream& stream, const WalkPlan& plan,
                               AbsorptionHistogram& histogram, std::uint32_t firstWalker,
-                              const WalkerLoopHooks& hooks) {
+                              const WalkerLoopHooks& hooks, MPI_Comm comm = MPI_COMM_WORLD) {
     const auto local = static_cast<std::uint32_t>(walkers.size());
     const WalkGridView<G> view = makeWalkGridView(grid);
-    const std::uint32_t fewest = mpi::allReduce(local, MPI_MIN);
+    const std::uint32_t fewest = mpi::allReduce(local, MPI_MIN, comm);
     WalkerLoopOutcome outcome;
     outcome.startTime = mpi::wallTime();
     for (std::uint32_t i = firstWalker; i < local; ++i) {

@@ -8,6 +8,7 @@
 
 #include "t2/l_curve.h"
 #include "t2/non_negative_least_squares.h"
+#include "t2/t2_grid.h"
 
 namespace nmr::t2 {
 
@@ -108,6 +109,17 @@ std::vector<double> T2Inversion::regularizedAmplitudes(double lambda) const {
     // With no iteration limit the solve always ends on the optimality test.
     nnls.solve(b);
     return {nnls.x().data(), nnls.x().data() + n};
+}
+
+T2Distribution invertDecay(const std::vector<double>& times, const std::vector<double>& values,
+                           double t2Minimum, double t2Maximum, std::int32_t components,
+                           double maxConditionRatio) {
+    T2Distribution d;
+    d.t2 = makeT2Grid(t2Minimum, t2Maximum, components);
+    T2Inversion inversion;
+    inversion.solve(times, values, d.t2, maxConditionRatio, d.amplitude, d.lambda);
+    d.rank = inversion.rank();
+    return d;
 }
 
 }  // namespace nmr::t2

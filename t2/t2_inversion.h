@@ -62,4 +62,20 @@ private:
     Eigen::VectorXd beta_;
 };
 
+// Largest ratio of the first to the last kept singular value of a run's kernel.
+inline constexpr double kDefaultConditionRatio = 1000000.0;
+
+// A decay inverted onto a T2 axis: what T2inversion.out holds, and how it was chosen.
+struct T2Distribution {
+    std::vector<double> t2;         // the axis, ms
+    std::vector<double> amplitude;  // one per axis point, >= 0
+    double lambda = -1.0;           // the Tikhonov parameter at the L-curve's corner
+    std::int32_t rank = 0;          // singular values kept
+};
+
+// The inversion of a run: makeT2Grid(t2Minimum, t2Maximum, components), then solve().
+T2Distribution invertDecay(const std::vector<double>& times, const std::vector<double>& values,
+                           double t2Minimum, double t2Maximum, std::int32_t components,
+                           double maxConditionRatio = kDefaultConditionRatio);
+
 }  // namespace nmr::t2

@@ -20,7 +20,6 @@ namespace nmr::tools {
 namespace {
 
 // The ratio of the first to the last kept singular value, as in a run.
-constexpr double kMaxConditionRatio = 1000000.0;
 
 std::string shellQuoted(const std::string& word) {
     std::string quoted = "'";
@@ -91,12 +90,11 @@ void writePlotData(const std::string& path, const fit::MeasuredWindow& window, d
 
 Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
                             const NuclearMagneticResonanceParameters& parameters) {
+    t2::T2Distribution inverted = t2::invertDecay(
+        times, values, parameters.t2Minimum(), parameters.t2Maximum(), parameters.t2Components());
     Distribution d;
-    d.t2 =
-        t2::makeT2Grid(parameters.t2Minimum(), parameters.t2Maximum(), parameters.t2Components());
-    t2::T2Inversion inversion;
-    double lambda = -1.0;
-    inversion.solve(times, values, d.t2, kMaxConditionRatio, d.amplitude, lambda);
+    d.t2 = std::move(inverted.t2);
+    d.amplitude = std::move(inverted.amplitude);
     d.logMeanT2 = summariseT2(d.t2, d.amplitude).logMeanT2;
     return d;
 }

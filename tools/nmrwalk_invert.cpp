@@ -56,7 +56,7 @@ int run(int argc, char** argv) {
     const double t2Min = options.number("--t2-min", 0.0001);
     const double t2Max = options.number("--t2-max", 10000.0);
     const std::int64_t components = options.integer("--t2-components", 100);
-    const double conditionRatio = options.number("--condition-ratio", 1000000.0);
+    const double conditionRatio = options.number("--condition-ratio", t2::kDefaultConditionRatio);
     const double cutoff = options.number("--cutoff", kSandstoneCutoffMs);
     if (!(t2Min > 0.0) || !(t2Max > t2Min))
         throw Exception("The T2 axis needs 0 < --t2-min < --t2-max: " + std::to_string(t2Min) +
@@ -78,29 +78,26 @@ int run(int argc, char** argv) {
                   << decay.phaseEchoes
                   << " echoes); imaginary energy left: " << decay.imaginaryEnergy << "\n";
 
-    const std::vector<double> grid =
-        t2::makeT2Grid(t2Min, t2Max, static_cast<std::int32_t>(components));
-    t2::T2Inversion inversion;
-    std::vector<double> amplitudes;
-    double lambda = -1.0;
     const auto inverted = std::chrono::steady_clock::now();
-    inversion.solve(decay.times, decay.values, grid, conditionRatio, amplitudes, lambda);
+    const t2::T2Distribution d =
+        t2::invertDecay(decay.times, decay.values, t2Min, t2Max,
+                        static_cast<std::int32_t>(components), conditionRatio);
     const auto done = std::chrono::steady_clock::now();
 
-    if (!t2::writeColumns(grid, amplitudes, output))
+    if (!t2::writeColumns(d.t2, d.amplitude, output))
         throw FileAccessException("Cannot write: " + output);
-    const T2Summary summary = summariseT2(grid, amplitudes, cutoff);
+    const T2Summary summary = summariseT2(d.t2, d.amplitude, cutoff);
     const auto folder = std::filesystem::path(output).parent_path();
     const std::string jsonPath = (folder / "T2summary.json").string();
     std::ofstream json(jsonPath);
-    json << summaryJson(summary, {{"lambda", lambda},
-                                  {"rank", inversion.rank()},
+    json << summaryJson(summary, {{"lambda", d.lambda},
+                                  {"rank", d.rank},
                                   {"points", static_cast<double>(decay.times.size())}});
     if (!json.flush()) throw FileAccessException("Cannot write: " + jsonPath);
 
     using Ms = std::chrono::duration<double, std::milli>;
-    std::cout << "Kept rank: " << inversion.rank() << "\n"
-              << "Lambda: " << lambda << "\n"
+    std::cout << "Kept rank: " << d.rank << "\n"
+              << "Lambda: " << d.lambda << "\n"
               << formatSummary(summary) << "Wrote " << output << " and " << jsonPath << "\n"
               << "Read time (ms): " << Ms(inverted - start).count() << "\n"
               << "Inversion time (ms): " << Ms(done - inverted).count() << "\n";

@@ -73,17 +73,26 @@ std::string formatSummary(const T2Summary& s) {
     return out.str();
 }
 
+std::vector<std::pair<std::string, double>> summaryEntries(const T2Summary& s) {
+    return {{"cutoffMs", s.cutoff},
+            {"totalAmplitude", s.totalAmplitude},
+            {"logMeanT2Ms", s.logMeanT2},
+            {"peakT2Ms", s.peakT2},
+            {"boundFraction", s.boundFraction},
+            {"freeFraction", s.freeFraction}};
+}
+
 std::string summaryJson(const T2Summary& s,
                         const std::vector<std::pair<std::string, double>>& extra) {
     std::ostringstream out;
-    out << "{\n"
-        << "  \"cutoffMs\": " << number(s.cutoff) << ",\n"
-        << "  \"totalAmplitude\": " << number(s.totalAmplitude) << ",\n"
-        << "  \"logMeanT2Ms\": " << number(s.logMeanT2) << ",\n"
-        << "  \"peakT2Ms\": " << number(s.peakT2) << ",\n"
-        << "  \"boundFraction\": " << number(s.boundFraction) << ",\n"
-        << "  \"freeFraction\": " << number(s.freeFraction);
-    for (const auto& [name, value] : extra) out << ",\n  \"" << name << "\": " << number(value);
+    out << "{";
+    const char* separator = "\n";
+    auto entries = summaryEntries(s);
+    entries.insert(entries.end(), extra.begin(), extra.end());
+    for (const auto& [name, value] : entries) {
+        out << separator << "  \"" << name << "\": " << number(value);
+        separator = ",\n";
+    }
     out << "\n}\n";
     return out.str();
 }

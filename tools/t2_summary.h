@@ -31,8 +31,11 @@ T2Summary summariseT2(const std::vector<double>& t2, const std::vector<double>& 
 
 // The human-readable lines printed by the tools.
 std::string formatSummary(const T2Summary& summary);
-// A small JSON object; `extra` entries (name, value) are appended, e.g. the lambda of an
-// inversion. Numbers carry 17 significant digits; NaN is written as null.
+// The figures by the names T2summary.json gives them: cutoffMs, totalAmplitude,
+// logMeanT2Ms, peakT2Ms, boundFraction, freeFraction.
+std::vector<std::pair<std::string, double>> summaryEntries(const T2Summary& summary);
+// A small JSON object of summaryEntries(); `extra` entries (name, value) are appended, e.g. the
+// lambda of an inversion. Numbers carry 17 significant digits; NaN is written as null.
 std::string summaryJson(const T2Summary& summary,
                         const std::vector<std::pair<std::string, double>>& extra = {});
 

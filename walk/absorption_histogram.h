@@ -1,5 +1,7 @@
 #pragma once
 
+#include <mpi.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -44,10 +46,11 @@ struct ReducedAbsorptions {
     std::vector<std::uint32_t> counts;
 };
 
-// Collective over the world communicator, entered once by every process: the maximum
+// Collective over comm, entered once by every process: the maximum
 // index first (all-reduce), then the local histogram is cut or zero-extended to exactly
 // M counters, and the histograms are summed onto process 0. Counts at index M and above
 // are dropped, so the last interval any walker reached is not part of the curve.
-ReducedAbsorptions reduceAbsorptions(AbsorptionHistogram& histogram);
+ReducedAbsorptions reduceAbsorptions(AbsorptionHistogram& histogram,
+                                     MPI_Comm comm = MPI_COMM_WORLD);
 
 }  // namespace nmr

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "grid/byte_mineral_grid.h"
+#include "params/nmr_parameters.h"
+#include "simulation/rock_summary.h"
+#include "simulation/run_results.h"
+
+namespace nmr {
+
+// What a caller learns while a local run walks: polled every kPollInterval walkers and
+// once at the start; returning false stops the run.
+using LocalRunPoll = std::function<bool(std::uint32_t walkersDone, std::uint32_t walkers)>;
+
+struct LocalRun {
+    RockSummary summary;
+    std::vector<RockSummaryEntry> summaryEntries;  // as the summary block prints them
+    RunResults results;
+    double walkSeconds = 0.0;
+};
+
+// A whole run inside this process on a grid it built itself (see buildByteMineralGrid):
+// for the same cells, parameters and seed, the decay and the distribution of nmrwalk at
+// one process, bit for bit, without its files, console or job control. Only
+// MPI_COMM_SELF takes part (MPI must be initialised), so every process of a job may run
+// one of its own. Throws Exception with the reason the grid or the parameters cannot be
+// walked; nullopt when poll stopped the walk.
+std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters,
+                                   std::shared_ptr<ByteMineralGrid> grid,
+                                   const LocalRunPoll& poll = {});
+
+}  // namespace nmr
