@@ -12,8 +12,9 @@
 #include <sstream>
 #include <thread>
 
-#include "e2e_support.h"
 #include "io/grain_bed_grid_writer.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
@@ -76,14 +77,14 @@ void killProcessesIn(const std::filesystem::path& dir) {
         if (error || cwd != target) continue;
         std::string command;
         std::getline(std::ifstream(entry.path() / "cmdline"), command, '\0');
-        if (command == NMR_NMRWALK) ::kill(std::stoi(name), SIGKILL);
+        if (command == programPath("nmrwalk")) ::kill(std::stoi(name), SIGKILL);
     }
 }
 
 // Starts the run, waits until `checkpoints` checkpoints of process 0 have been written
 // (each replaces the file), then either kills every process of the job with SIGKILL or,
 // with `abortFile`, asks the job to stop through "ABORT".
-void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = false) {
+void interrupt(const TempDir& dir, int checkpoints, bool abortFile = false) {
     std::atomic<bool> finished{false};
     std::thread job([&] {
         runIn(dir.path());
@@ -119,7 +120,7 @@ protected:
         const auto whole = runIn(reference_.path());
         ASSERT_EQ(whole.exitStatus, 0) << whole.output << whole.errorOutput;
     }
-    void prepare(const ScratchDirectory& dir, int seed = 8008) {
+    void prepare(const TempDir& dir, int seed = 8008) {
         writeRock(dir / "rock.binc", 48, 0);
         std::string yaml = parameters("rock.binc", 20000, 2.5e-9, kFrequentCheckpoints);
         yaml.replace(yaml.find("randomSeed: 8008"), 16, "randomSeed: " + std::to_string(seed));
@@ -127,7 +128,7 @@ protected:
     }
     // A run in dir that finishes the walk must write exactly the reference's files and
     // leave no checkpoint behind.
-    void expectFinishedLikeTheReference(const ScratchDirectory& dir, bool resumed) {
+    void expectFinishedLikeTheReference(const TempDir& dir, bool resumed) {
         const auto result = runIn(dir.path());
         ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
         EXPECT_EQ(result.output.find("Resuming from checkpoint: ") != std::string::npos, resumed)
@@ -141,13 +142,13 @@ protected:
                                  "nmrwalk.checkpoint.0.previous", "nmrwalk.checkpoint.1.previous"})
             EXPECT_FALSE(dir.exists(file)) << file;
     }
-    ScratchDirectory reference_;
+    TempDir reference_;
 };
 
 TEST_F(Checkpoint, AKilledRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
     for (int checkpoints : {1, 4}) {
         SCOPED_TRACE(std::to_string(checkpoints) + " checkpoints before the kill");
-        ScratchDirectory dir;
+        TempDir dir;
         prepare(dir);
         interrupt(dir, checkpoints);
         EXPECT_FALSE(dir.exists("T2decay.out"));
@@ -157,7 +158,7 @@ TEST_F(Checkpoint, AKilledRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
 }
 
 TEST_F(Checkpoint, AbortKeepsTheCheckpointToTakeUpLater) {
-    ScratchDirectory dir;
+    TempDir dir;
     prepare(dir);
     interrupt(dir, 2, true);
     EXPECT_FALSE(dir.exists("T2decay.out"));
@@ -167,7 +168,7 @@ TEST_F(Checkpoint, AbortKeepsTheCheckpointToTakeUpLater) {
 }
 
 TEST_F(Checkpoint, OneOfAnotherRunIsIgnoredWithAWarning) {
-    ScratchDirectory dir;
+    TempDir dir;
     prepare(dir, 8009);  // another seed is another walk
     interrupt(dir, 2);
     ASSERT_TRUE(dir.exists("nmrwalk.checkpoint.0"));
@@ -199,7 +200,7 @@ protected:
     void TearDown() override {
         if (mounted_) ::umount(mount_.c_str());
     }
-    ScratchDirectory dir_;
+    TempDir dir_;
     std::filesystem::path mount_;
     bool mounted_ = false;
 };
@@ -262,7 +263,7 @@ TEST(PorelessRock, EndsEveryProcessInsteadOfDrawingForEver) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        ScratchDirectory dir;
+        TempDir dir;
         writeRock(dir / "rock.binc", 16, c.solidLayers);
         dir.write("nmr.yaml",
                   parameters("rock.binc", 100, 2.5e-9, "", c.region, !c.region.empty()));
@@ -278,7 +279,7 @@ TEST(PorelessRock, EndsEveryProcessInsteadOfDrawingForEver) {
 }
 
 TEST(MeaninglessParameters, WarnOnStandardErrorAndLeaveTheRunAsItWas) {
-    ScratchDirectory dir;
+    TempDir dir;
     writeRock(dir / "rock.binc", 16, 0);
     dir.write("nmr.yaml", parameters("rock.binc", 0, 0.0, ""));
     const auto result = runIn(dir.path(), 1);

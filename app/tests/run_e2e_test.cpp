@@ -7,8 +7,9 @@
 #include <sstream>
 #include <thread>
 
-#include "e2e_support.h"
 #include "io/grain_bed_grid_writer.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
@@ -82,7 +83,7 @@ protected:
         EXPECT_FALSE(dir_.exists("T2inversion.out"));
         EXPECT_TRUE(dir_.exists("STOPPED"));
     }
-    ScratchDirectory dir_;
+    TempDir dir_;
 };
 
 TEST_P(Run, CompleteRunPrintsItsReportInOrderAndWritesBothFiles) {
@@ -265,7 +266,7 @@ std::vector<std::pair<double, double>> readColumns(const std::string& text) {
 // placed differently (one sorted set from process 0), but the physics must agree with a
 // plain-grid run of the same rock within the Monte Carlo error.
 TEST(CompressedRun, AgreesWithThePlainRunWithinTheMonteCarloError) {
-    ScratchDirectory dir;
+    TempDir dir;
     // 200^3 cells: the plain estimate is 3.8 MiB, above 3 / 0.8, so -m 3 compresses.
     writeSlabRock(dir / "rock.binc", 200, 7);
     RunSettings settings;

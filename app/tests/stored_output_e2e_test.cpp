@@ -10,8 +10,9 @@
 #include <cstdio>
 #include <sstream>
 
-#include "e2e_support.h"
 #include "io/grain_bed_grid_writer.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
@@ -118,7 +119,7 @@ class StoredOutput : public ::testing::TestWithParam<StoredRun> {};
 
 TEST_P(StoredOutput, RunReproducesTheRecordedFiles) {
     const StoredRun& r = GetParam();
-    ScratchDirectory dir;
+    TempDir dir;
     if (r.slabs) {
         writeSlabRock(dir / "rock.binc", 200);
     } else {

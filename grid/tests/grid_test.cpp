@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "grid/sliced_grid.h"
+#include "testutil/checks.h"
 
 namespace nmr {
 namespace {
@@ -60,12 +61,7 @@ TEST(SlicedGrid, CountersFollowInteriorChangesOnly) {
 TEST(SlicedGrid, SecondAllocationIsRefused) {
     SlicedGrid<Mineral::Type> grid(3, 3, 3, 0, 0, 0, 1.0);
     NullProgressReporter progress;
-    try {
-        grid.allocate(progress);
-        FAIL() << "allocated twice";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.message(), "Grid already allocated.");
-    }
+    EXPECT_THROW_MSG(grid.allocate(progress), Exception, "Grid already allocated.");
 }
 
 TEST(SlicedGrid, CopyAndMakeEmptyKeepGeometry) {

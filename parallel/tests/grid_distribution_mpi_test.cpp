@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sstream>
 
 #include "io/grain_bed_grid_writer.h"
@@ -8,13 +7,12 @@
 #include "mpi/message_passing.h"
 #include "mpi/node_topology.h"
 #include "parallel/grid_distribution.h"
+#include "testutil/temp_dir.h"
 #include "walk/block_key_tables.h"
 #include "walk/walker_creation.h"
 
 namespace nmr {
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(GridDistributionRules, PlainSizeEstimateWrapsAt32Bits) {
     // 100^3 cells -> 125000 eighths -> 500000 bytes.
@@ -39,25 +37,12 @@ TEST(GridDistributionRules, PlainWalkerShares) {
 // one cell may be given a different code.
 class DistributionTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string dir;
-        if (mpi::rank() == 0) {
-            dir = (fs::temp_directory_path() / ("nmr-dist-" + std::to_string(::getpid()))).string();
-            fs::create_directories(dir);
-        }
-        mpi::broadcast(dir, 0);
-        dir_ = dir;
-    }
-    void TearDown() override {
-        mpi::barrier();
-        if (mpi::rank() == 0) fs::remove_all(dir_);
-    }
     static Mineral::Type expectedCell(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
         return (x + 2 * y + 3 * z) % 5 == 0 ? Mineral::Quartz : Mineral::Pore;
     }
     std::string writeRock(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                           std::uint32_t badCode = 0) {
-        const std::string path = (dir_ / "rock.binc").string();
+        const std::string path = dir_.file("rock.binc");
         if (mpi::rank() == 0) {
             GrainBedGridWriter writer(path, nx, ny, nz, 0, 0, 0, 2.0);
             std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(nx) * ny);
@@ -97,7 +82,7 @@ protected:
         for (std::uint32_t b = 0; b < grid.blockCount(); ++b)
             expectSameCells(grid, grid.blockBounds(b));
     }
-    fs::path dir_;
+    test::SharedTempDir dir_;
 };
 
 TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
@@ -141,7 +126,7 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
 TEST_F(DistributionTest, PlainGridBeyondTheNodesMemoryEndsEveryProcess) {
     // A header of 16384^3 cells with no cells behind it: the four-byte estimate wraps to
     // nothing, so the plain copy is chosen, and it needs 4 TiB on every node.
-    const std::string path = (dir_ / "huge.binc").string();
+    const std::string path = dir_.file("huge.binc");
     if (mpi::rank() == 0) {
         GrainBedGridWriter writer(path, 16384, 16384, 16384, 0, 0, 0, 1.0);
     }
