@@ -62,4 +62,38 @@ std::vector<std::string> lines(const std::string& text) {
     return result;
 }
 
+std::vector<std::pair<double, double>> columns(const std::string& text) {
+    std::vector<std::pair<double, double>> points;
+    std::istringstream in(text);
+    for (double t, a; in >> t >> a;) points.emplace_back(t, a);
+    return points;
+}
+
+std::string parameterFile(const std::vector<std::pair<std::string, std::string>>& changes) {
+    // Few walkers and strongly absorbing quartz keep a run short even in the sanitizer build;
+    // each test changes only what it is about.
+    std::string text =
+        "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n  gyroMagneticRatio: 42580000.0\n"
+        "  echoSpacing: 0.001\n  magneticFieldGradient: 0.2\n  saturationFile: false\n"
+        "  waterSaturation: 1.0\n  clayMicroPorosity: 0.3\n  bulkWaterT2: 3.0\n"
+        "  diffusionConstantWater: 2.5e-09\n  diffusionConstantOil: 1e-10\n"
+        "  surfaceRelaxationStrengthWater: {Clay: 3.0e-05, Quartz: 2.0e-4}\n"
+        "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
+        "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
+        "  numberOfWalkers: 400\n  stepLength: 0.5\n  randomSeed: 8008\n"
+        "  subsampleCalculation: false\n  regionOfInterest: {x: [0, 4], y: [0, 4], z: [0, 4]}\n"
+        "  t2Components: 40\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n";
+    for (const auto& [key, value] : changes) {
+        const std::string start = "\n  " + key + ": ";
+        const std::size_t at = text.find(start);
+        if (at == std::string::npos) {
+            text += "  " + key + ": " + value + "\n";
+        } else {
+            const std::size_t from = at + start.size();
+            text.replace(from, text.find('\n', from) - from, value);
+        }
+    }
+    return text;
+}
+
 }  // namespace nmr::test

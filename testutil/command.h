@@ -3,6 +3,7 @@
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace nmr::test {
@@ -43,5 +44,11 @@ CommandResult runCommand(const std::vector<std::string>& command,
 
 // Lines of text without their line ends.
 std::vector<std::string> lines(const std::string& text);
+// The (time, amplitude) pairs of a two-column output file such as T2decay.out.
+std::vector<std::pair<double, double>> columns(const std::string& text);
+
+// The parameter file of a small run on rock.binc. Each (key, value) of changes replaces the
+// value of that key, or adds the key when the file has none (checkpointInterval, say).
+std::string parameterFile(const std::vector<std::pair<std::string, std::string>>& changes = {});
 
 }  // namespace nmr::test

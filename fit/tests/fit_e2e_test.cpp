@@ -20,28 +20,16 @@ struct Rock {
 };
 
 std::string parameters(int walkers, int seed, double quartz, double clay) {
-    std::ostringstream yaml;
-    yaml << "NuclearMagneticResonanceParameters:\n"
-         << "  grid: rock.binc\n"
-         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.0002\n"
-         << "  magneticFieldGradient: 0.1\n  saturationFile: false\n  waterSaturation: 1.0\n"
-         << "  clayMicroPorosity: 0.3\n  bulkWaterT2: 2.5\n"
-         << "  diffusionConstantWater: 2.3e-09\n  diffusionConstantOil: 1e-10\n"
-         << "  surfaceRelaxationStrengthWater: {Clay: " << clay << ", Quartz: " << quartz << "}\n"
-         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
-         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
-         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: " << seed
-         << "\n  subsampleCalculation: false\n"
-         << "  regionOfInterest: {x: [0, 4], y: [0, 4], z: [0, 4]}\n"
-         << "  t2Components: 60\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n";
-    return yaml.str();
-}
-
-std::vector<std::pair<double, double>> columns(const std::string& text) {
-    std::vector<std::pair<double, double>> points;
-    std::istringstream in(text);
-    for (double t, a; in >> t >> a;) points.emplace_back(t, a);
-    return points;
+    std::ostringstream relaxivities;
+    relaxivities << "{Clay: " << clay << ", Quartz: " << quartz << "}";
+    return parameterFile({{"echoSpacing", "0.0002"},
+                          {"magneticFieldGradient", "0.1"},
+                          {"bulkWaterT2", "2.5"},
+                          {"diffusionConstantWater", "2.3e-09"},
+                          {"surfaceRelaxationStrengthWater", relaxivities.str()},
+                          {"numberOfWalkers", std::to_string(walkers)},
+                          {"randomSeed", std::to_string(seed)},
+                          {"t2Components", "60"}});
 }
 
 // The value of "Fitted <name>: <value> m/s (+- <u>)".
