@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <string>
 #include <type_traits>
@@ -26,25 +28,21 @@ std::string thrownMessage(F&& f) {
     return "no exception";
 }
 
-}  // namespace nmr::test
-
-// statement must throw type (or a subclass) with exactly this message.
-#define EXPECT_THROW_MSG(statement, type, message) \
-    EXPECT_EQ(::nmr::test::thrownMessage<type>([&] { static_cast<void>(statement); }), message)
-
-namespace nmr::test {
-
-// Keeps what it is told, to check what a reader logged.
+// Keeps the warnings and errors it is told, to check what a reader logged.
 class RecordingLogger : public LoggerBase {
 public:
     void debug(const std::string&) override {}
-    void info(const std::string& text) override { infos.push_back(text); }
+    void info(const std::string&) override {}
     void warn(const std::string& text) override { warnings.push_back(text); }
     void error(const std::string& text) override { errors.push_back(text); }
     static bool has(const std::vector<std::string>& list, const std::string& text) {
         return std::find(list.begin(), list.end(), text) != list.end();
     }
-    std::vector<std::string> infos, warnings, errors;
+    std::vector<std::string> warnings, errors;
 };
 
 }  // namespace nmr::test
+
+// statement must throw type (or a subclass) with exactly this message.
+#define EXPECT_THROW_MSG(statement, type, message) \
+    EXPECT_EQ(::nmr::test::thrownMessage<type>([&] { static_cast<void>(statement); }), message)

@@ -17,20 +17,14 @@ TEST(MirrorIndex, ReflectsWithoutRepeatingTheEdge) {
     EXPECT_LT(mirrorIndex(INT32_MAX, 5), 5u);
 }
 
+// Each axis loses its own margin twice: a mix-up of axes changes every count.
 TEST(SlicedGrid, SizesAndInteriorCounts) {
     SlicedGrid<Mineral::Type> grid(10, 10, 10, 1, 2, 3, 2.5);
-    EXPECT_EQ(grid.interiorNx(), 8u);
-    EXPECT_EQ(grid.interiorNy(), 6u);
-    EXPECT_EQ(grid.interiorNz(), 4u);
-    EXPECT_EQ(grid.interiorCellCount(), 192u);
-    EXPECT_EQ(grid.totalCellCount(), 1000u);
+    EXPECT_EQ(std::tuple(grid.interiorNx(), grid.interiorNy(), grid.interiorNz(),
+                         grid.interiorCellCount(), grid.totalCellCount()),
+              std::tuple(8u, 6u, 4u, 192u, 1000u));
     EXPECT_DOUBLE_EQ(grid.cellSize(), 2.5);
     EXPECT_DOUBLE_EQ(grid.porosity(), 1.0);
-    for (Mineral::Type m : Mineral::allTypes()) {
-        if (m != Mineral::Pore) {
-            EXPECT_DOUBLE_EQ(grid.volumeFraction(m), 0.0);
-        }
-    }
 }
 
 TEST(SlicedGrid, CountersFollowInteriorChangesOnly) {

@@ -13,11 +13,7 @@
 namespace nmr::tools {
 namespace {
 
-using test::CommandResult;
-using test::programPath;
-using test::readFile;
-using test::runCommand;
-using test::TempDir;
+using namespace test;
 
 // The number after "label" in a tool's console output, or NaN.
 double printed(const std::string& output, const std::string& label) {
@@ -84,7 +80,7 @@ TEST(InvertCommand, MalformedLinesAreNamedByNumber) {
         {"1 0.9\n1 0.8\n", "line 2"},
         {"# only a comment\n", "No data"}};
     for (const auto& [content, expected] : cases) {
-        test::writeFile(dir.file("bad.txt"), content);
+        writeFile(dir.file("bad.txt"), content);
         const CommandResult r = runCommand(
             {programPath("nmrwalk-invert"), dir.file("bad.txt"), "-o", dir.file("bad.out")});
         EXPECT_EQ(r.exitStatus, 1) << content;
@@ -107,8 +103,8 @@ protected:
         }
         ASSERT_TRUE(t2::writeColumns(grid, amplitudes, dir_.file("T2inversion.out")));
         ASSERT_TRUE(t2::writeColumns(t, m, dir_.file("T2decay.out")));
-        test::writeFile(dir_.file("nmr.yaml"),
-                        "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n");
+        writeFile(dir_.file("nmr.yaml"),
+                  "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n");
     }
     CommandResult plot(std::vector<std::string> args) {
         args.insert(args.begin(), {python_, programPath("nmrwalk-plot")});
