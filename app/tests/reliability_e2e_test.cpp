@@ -58,9 +58,9 @@ void killProcessesIn(const std::filesystem::path& dir) {
     }
 }
 
-// Starts the run, waits until `checkpoints` checkpoints of process 0 have been written
-// (each replaces the file), then either kills every process of the job with SIGKILL or,
-// with `abortFile`, asks the job to stop through "ABORT".
+// Starts the run on two processes, waits until `checkpoints` checkpoints of process 0 have
+// been written (each replaces the file), then either kills every process of the job with
+// SIGKILL or, with `abortFile`, asks the job to stop through "ABORT".
 void interrupt(const TempDir& dir, int checkpoints, bool abortFile = false) {
     std::atomic<bool> finished{false};
     std::thread job([&] {
@@ -78,6 +78,11 @@ void interrupt(const TempDir& dir, int checkpoints, bool abortFile = false) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    // Process 1 saves at the same poll but may still be writing. Killed before its first
+    // checkpoint is in place, the job holds no checkpoint common to both processes, and the
+    // next run rightly walks afresh instead of resuming.
+    while (!finished && !dir.exists("nmrwalk.checkpoint.1"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     if (abortFile) {
         dir.write("ABORT", "");
     } else {
