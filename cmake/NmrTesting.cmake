@@ -8,6 +8,7 @@
 #     "<folder>.mpi.npN.nodes2" for every N above 2, with NMRWALK_RANKS_PER_NODE=2, so
 #     that the ranks behave as nodes of two processes each (at 1 or 2 ranks that is the
 #     one real node, already covered).
+# Both link nmr::testutil (testutil/); MPI tests also nmr::testutil_mpi, whose main starts MPI.
 
 include(GoogleTest)
 
@@ -40,7 +41,7 @@ function(nmr_add_test folder)
     set(ARG_TIMEOUT 300)
   endif()
   add_executable(${ARG_NAME} ${ARG_SOURCES})
-  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main)
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr::testutil GTest::gtest GTest::gtest_main)
   nmr_set_warnings(${ARG_NAME})
   list(GET ARG_LABELS 0 first_label)
   add_test(NAME ${folder}.${first_label} COMMAND ${ARG_NAME})
@@ -66,7 +67,7 @@ function(nmr_add_mpi_test folder)
     set(ARG_TIMEOUT 300)
   endif()
   add_executable(${ARG_NAME} ${ARG_SOURCES})
-  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr_mpi_gtest_main)
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr::testutil_mpi)
   nmr_set_warnings(${ARG_NAME})
   foreach(n IN LISTS ARG_RANKS)
     add_test(NAME ${ARG_PREFIX}.np${n}

@@ -3,15 +3,15 @@
 #include <sstream>
 
 #include "app/job_control.h"
-#include "e2e_support.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::app {
 namespace {
 
-using nmr::test::ScratchDirectory;
+using nmr::test::TempDir;
 
 TEST(ProgressSignal, WritesMessageThenProgress) {
-    ScratchDirectory dir("nmr_job");
+    TempDir dir("nmr_job");
     dir.write("PROGRESS", "older and longer content that must be truncated\n");
     EXPECT_TRUE(sendProgressSignal("Random walk NMR", "Simulating..", 0.25, 1, 2, dir.path()));
     EXPECT_EQ(dir.read("message.txt"), "Random walk NMR#Simulating..#0.25#1#2\n");
@@ -38,7 +38,7 @@ TEST(StatusEvaluation, FilesConsoleAndVerdict) {
              Case{4, true, JobStatus::Aborted, "", "", "Job aborted!\n"},
              Case{7, false, JobStatus::Running, "", "", ""},
          }) {
-        ScratchDirectory dir("nmr_job");
+        TempDir dir("nmr_job");
         if (c.abortFile) dir.write("ABORT", "");
         std::ostringstream out;
         EXPECT_EQ(evaluateJobStatus(static_cast<JobStatus>(c.request), out, dir.path()), c.result);
@@ -49,7 +49,7 @@ TEST(StatusEvaluation, FilesConsoleAndVerdict) {
         EXPECT_EQ(c.writtenFile.empty() ? "" : dir.read(c.writtenFile), c.content);
         EXPECT_EQ(dir.exists("ABORT"), c.abortFile);  // never removed by the job
     }
-    ScratchDirectory dir("nmr_job");
+    TempDir dir("nmr_job");
     for (auto [request, file] : {std::pair{JobStatus::Start, "STARTED"},
                                  {JobStatus::Running, "PROGRESS"},
                                  {JobStatus::Stopped, "STOPPED"}}) {
@@ -61,7 +61,7 @@ TEST(StatusEvaluation, FilesConsoleAndVerdict) {
 }
 
 TEST(StoppedFileGuard, OnlyProcessZeroLeavesAnEmptyStoppedFile) {
-    ScratchDirectory dir("nmr_job");
+    TempDir dir("nmr_job");
     dir.write("STOPPED", "stale");
     { StoppedFileGuard other(1, dir.path()); }
     EXPECT_EQ(dir.read("STOPPED"), "stale");

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <regex>
 
-#include "e2e_support.h"
 #include "params/parameter_file.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
@@ -26,12 +27,12 @@ protected:
     long count(const std::string& output, const std::string& line) {
         return std::ranges::count(lines(output), line);
     }
-    ScratchDirectory dir_;
+    TempDir dir_;
 };
 
 TEST_P(Nmrwalk, RequestsEndTheRunAfterTheirOutput) {
     EXPECT_EQ(run({"-h"}).output,
-              std::string("Usage: ") + NMR_NMRWALK +
+              std::string("Usage: ") + programPath("nmrwalk") +
                   " [-m memoryLimitInMB]\n"
                   " -h --help            Show this help screen\n"
                   " -V --version         Show version information\n"
@@ -41,7 +42,7 @@ TEST_P(Nmrwalk, RequestsEndTheRunAfterTheirOutput) {
     EXPECT_TRUE(dir_.exists("STOPPED"));
     EXPECT_FALSE(dir_.exists("STARTED"));
     // path, name and version, ". ", system-version-processor; compiler; maker; the limit.
-    const std::regex banner(std::string(NMR_NMRWALK) +
+    const std::regex banner(std::string(programPath("nmrwalk")) +
                             " .+ version [0-9.]+\\. [^ ]+-[^ ]+-[^ ]+\n"
                             "Compiled with the [^\n]+ compiler\\.\n[^\n]+\n" +
                             kMemoryLine);

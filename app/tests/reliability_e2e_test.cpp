@@ -9,54 +9,32 @@
 
 #include <atomic>
 #include <fstream>
-#include <sstream>
 #include <thread>
 
-#include "e2e_support.h"
-#include "io/grain_bed_grid_writer.h"
+#include "app/tests/layered_rock.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
 
-// Quartz slabs every 12 cells along z (or the lowest `solid` layers all quartz): walkers
-// live long enough for a run of a couple of seconds to pass several checkpoints.
+using Changes = std::vector<std::pair<std::string, std::string>>;
+
+// Quartz slabs every 12 cells along z, or the lowest `solid` layers all quartz, with walls
+// weak enough that a run of a couple of seconds passes several checkpoints.
 void writeRock(const std::filesystem::path& path, std::uint32_t n, std::uint32_t solid) {
-    GrainBedGridWriter writer(path.string(), n, n, n, 0, 0, 0, 1.0);
-    std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(n) * n);
-    for (std::uint32_t z = 0; z < n; ++z) {
-        const bool wall = solid == 0 ? z % 12 == 0 : z < solid;
-        std::fill(slice.begin(), slice.end(),
-                  GrainBedGridCell::make(0, wall ? Mineral::Quartz : Mineral::Pore));
-        writer.writeSlice(slice.data());
-    }
-    writer.close();
+    writeLayeredRock(path, n,
+                     [solid](std::uint32_t z) { return solid == 0 ? z % 12 == 0 : z < solid; });
 }
 
-std::string parameters(const std::string& grid, int walkers, double diffusion,
-                       const std::string& extra, const std::string& region = "",
-                       bool subsample = false) {
-    std::ostringstream yaml;
-    yaml << "NuclearMagneticResonanceParameters:\n"
-         << "  grid: " << grid << "\n"
-         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.001\n  magneticFieldGradient: 0.2\n"
-         << "  saturationFile: false\n  waterSaturation: 1.0\n  clayMicroPorosity: 0.3\n"
-         << "  bulkWaterT2: 3.0\n  diffusionConstantWater: " << diffusion
-         << "\n  diffusionConstantOil: 1e-10\n"
-         << "  surfaceRelaxationStrengthWater: {Quartz: 2.0e-5}\n"
-         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
-         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
-         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: 8008\n"
-         << "  subsampleCalculation: " << (subsample ? "true" : "false") << "\n"
-         << "  regionOfInterest: "
-         << (region.empty() ? "{x: [0, 4], y: [0, 4], z: [0, 4]}" : region)
-         << "\n  t2Components: 40\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n"
-         << extra;
-    return yaml.str();
+std::string parameters(int walkers, Changes changes = {}) {
+    changes.insert(changes.begin(), {{"numberOfWalkers", std::to_string(walkers)},
+                                     {"surfaceRelaxationStrengthWater", "{Quartz: 2.0e-5}"}});
+    return parameterFile(changes);
 }
 
-CommandResult runIn(const std::filesystem::path& dir, int processes = 2,
-                    const std::vector<std::string>& arguments = {}) {
-    return runCommand(nmrwalkCommand(processes, arguments), dir, std::chrono::seconds(600),
+CommandResult runIn(const std::filesystem::path& dir, int processes = 2) {
+    return runCommand(nmrwalkCommand(processes), dir, std::chrono::seconds(600),
                       launcherEnvironment());
 }
 
@@ -76,14 +54,14 @@ void killProcessesIn(const std::filesystem::path& dir) {
         if (error || cwd != target) continue;
         std::string command;
         std::getline(std::ifstream(entry.path() / "cmdline"), command, '\0');
-        if (command == NMR_NMRWALK) ::kill(std::stoi(name), SIGKILL);
+        if (command == programPath("nmrwalk")) ::kill(std::stoi(name), SIGKILL);
     }
 }
 
-// Starts the run, waits until `checkpoints` checkpoints of process 0 have been written
-// (each replaces the file), then either kills every process of the job with SIGKILL or,
-// with `abortFile`, asks the job to stop through "ABORT".
-void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = false) {
+// Starts the run on two processes, waits until `checkpoints` checkpoints of process 0 have
+// been written (each replaces the file), then either kills every process of the job with
+// SIGKILL or, with `abortFile`, asks the job to stop through "ABORT".
+void interrupt(const TempDir& dir, int checkpoints, bool abortFile = false) {
     std::atomic<bool> finished{false};
     std::thread job([&] {
         runIn(dir.path());
@@ -100,6 +78,11 @@ void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = fa
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    // Process 1 saves at the same poll but may still be writing. Killed before its first
+    // checkpoint is in place, the job holds no checkpoint common to both processes, and the
+    // next run rightly walks afresh instead of resuming.
+    while (!finished && !dir.exists("nmrwalk.checkpoint.1"))
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     if (abortFile) {
         dir.write("ABORT", "");
     } else {
@@ -109,25 +92,22 @@ void interrupt(const ScratchDirectory& dir, int checkpoints, bool abortFile = fa
     ASSERT_FALSE(finished && seen < checkpoints) << "the run ended before it was interrupted";
 }
 
-const char* const kFrequentCheckpoints = "  checkpointInterval: 0.05\n";
-
 class Checkpoint : public ::testing::Test {
 protected:
     void SetUp() override {
         writeRock(reference_ / "rock.binc", 48, 0);
-        reference_.write("nmr.yaml", parameters("rock.binc", 20000, 2.5e-9, ""));
+        reference_.write("nmr.yaml", parameters(20000));
         const auto whole = runIn(reference_.path());
         ASSERT_EQ(whole.exitStatus, 0) << whole.output << whole.errorOutput;
     }
-    void prepare(const ScratchDirectory& dir, int seed = 8008) {
+    void prepare(const TempDir& dir, int seed = 8008) {
         writeRock(dir / "rock.binc", 48, 0);
-        std::string yaml = parameters("rock.binc", 20000, 2.5e-9, kFrequentCheckpoints);
-        yaml.replace(yaml.find("randomSeed: 8008"), 16, "randomSeed: " + std::to_string(seed));
-        dir.write("nmr.yaml", yaml);
+        dir.write("nmr.yaml", parameters(20000, {{"randomSeed", std::to_string(seed)},
+                                                 {"checkpointInterval", "0.05"}}));
     }
     // A run in dir that finishes the walk must write exactly the reference's files and
     // leave no checkpoint behind.
-    void expectFinishedLikeTheReference(const ScratchDirectory& dir, bool resumed) {
+    void expectFinishedLikeTheReference(const TempDir& dir, bool resumed) {
         const auto result = runIn(dir.path());
         ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
         EXPECT_EQ(result.output.find("Resuming from checkpoint: ") != std::string::npos, resumed)
@@ -141,13 +121,13 @@ protected:
                                  "nmrwalk.checkpoint.0.previous", "nmrwalk.checkpoint.1.previous"})
             EXPECT_FALSE(dir.exists(file)) << file;
     }
-    ScratchDirectory reference_;
+    TempDir reference_;
 };
 
 TEST_F(Checkpoint, AKilledRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
     for (int checkpoints : {1, 4}) {
         SCOPED_TRACE(std::to_string(checkpoints) + " checkpoints before the kill");
-        ScratchDirectory dir;
+        TempDir dir;
         prepare(dir);
         interrupt(dir, checkpoints);
         EXPECT_FALSE(dir.exists("T2decay.out"));
@@ -157,7 +137,7 @@ TEST_F(Checkpoint, AKilledRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
 }
 
 TEST_F(Checkpoint, AbortKeepsTheCheckpointToTakeUpLater) {
-    ScratchDirectory dir;
+    TempDir dir;
     prepare(dir);
     interrupt(dir, 2, true);
     EXPECT_FALSE(dir.exists("T2decay.out"));
@@ -167,7 +147,7 @@ TEST_F(Checkpoint, AbortKeepsTheCheckpointToTakeUpLater) {
 }
 
 TEST_F(Checkpoint, OneOfAnotherRunIsIgnoredWithAWarning) {
-    ScratchDirectory dir;
+    TempDir dir;
     prepare(dir, 8009);  // another seed is another walk
     interrupt(dir, 2);
     ASSERT_TRUE(dir.exists("nmrwalk.checkpoint.0"));
@@ -193,13 +173,12 @@ protected:
         }
         mounted_ = true;
         writeRock(dir_ / "rock.binc", 16, 0);
-        std::ofstream(mount_ / "nmr.yaml")
-            << parameters((dir_ / "rock.binc").string(), 400, 2.5e-9, "");
+        writeFile(mount_ / "nmr.yaml", parameters(400, {{"grid", dir_.file("rock.binc")}}));
     }
     void TearDown() override {
         if (mounted_) ::umount(mount_.c_str());
     }
-    ScratchDirectory dir_;
+    TempDir dir_;
     std::filesystem::path mount_;
     bool mounted_ = false;
 };
@@ -250,23 +229,25 @@ TEST(PorelessRock, EndsEveryProcessInsteadOfDrawingForEver) {
     struct Case {
         std::string name;
         std::uint32_t solidLayers;  // z layers of quartz from the bottom; 16 is all
-        std::string region;
         int processes;
-        std::vector<std::string> arguments;
+        Changes changes;
     };
     const std::vector<Case> cases = {
-        {"all quartz", 16, "", 2, {}},
-        {"region in the solid", 8, "{x: [0, 16], y: [0, 16], z: [0, 8]}", 3, {}},
+        {"all quartz", 16, 2, {}},
+        {"region in the solid",
+         8,
+         3,
+         {{"regionOfInterest", "{x: [0, 16], y: [0, 16], z: [0, 8]}"},
+          {"subsampleCalculation", "true"}}},
         // Pore only in the top layer, which no walker can start in.
-        {"pore in the top layer only", 15, "", 1, {}},
+        {"pore in the top layer only", 15, 1, {}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        ScratchDirectory dir;
+        TempDir dir;
         writeRock(dir / "rock.binc", 16, c.solidLayers);
-        dir.write("nmr.yaml",
-                  parameters("rock.binc", 100, 2.5e-9, "", c.region, !c.region.empty()));
-        const auto result = runIn(dir.path(), c.processes, c.arguments);
+        dir.write("nmr.yaml", parameters(100, c.changes));
+        const auto result = runIn(dir.path(), c.processes);
         EXPECT_FALSE(result.timedOut);
         EXPECT_EQ(result.exitStatus, 255) << result.output << result.errorOutput;
         EXPECT_NE(result.output.find("No pore voxel where walkers can start: check the grid and "
@@ -278,9 +259,9 @@ TEST(PorelessRock, EndsEveryProcessInsteadOfDrawingForEver) {
 }
 
 TEST(MeaninglessParameters, WarnOnStandardErrorAndLeaveTheRunAsItWas) {
-    ScratchDirectory dir;
+    TempDir dir;
     writeRock(dir / "rock.binc", 16, 0);
-    dir.write("nmr.yaml", parameters("rock.binc", 0, 0.0, ""));
+    dir.write("nmr.yaml", parameters(0, {{"diffusionConstantWater", "0"}}));
     const auto result = runIn(dir.path(), 1);
     EXPECT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
     EXPECT_NE(result.errorOutput.find("Warning: diffusionConstantWater is 0"), std::string::npos)

@@ -8,10 +8,11 @@
 
 #include <cmath>
 #include <cstdio>
-#include <sstream>
+#include <ostream>
 
-#include "e2e_support.h"
-#include "io/grain_bed_grid_writer.h"
+#include "app/tests/layered_rock.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
@@ -60,35 +61,21 @@ void writeGrainRock(const std::filesystem::path& path) {
     writer.close();
 }
 
-// Quartz slabs every 7 cells along z, as large as the compressed-grid tests need.
-void writeSlabRock(const std::filesystem::path& path, std::uint32_t n) {
-    GrainBedGridWriter writer(path.string(), n, n, n, 0, 0, 0, 1.0);
-    std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(n) * n);
-    for (std::uint32_t z = 0; z < n; ++z) {
-        std::fill(slice.begin(), slice.end(),
-                  GrainBedGridCell::make(0, z % 7 == 0 ? Mineral::Quartz : Mineral::Pore));
-        writer.writeSlice(slice.data());
-    }
-    writer.close();
-}
-
-std::string parameters(int walkers, const std::string& region, bool subsample) {
-    std::ostringstream yaml;
-    yaml << "NuclearMagneticResonanceParameters:\n"
-         << "  grid: rock.binc\n"
-         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.0002\n"
-         << "  magneticFieldGradient: 0.3\n  saturationFile: false\n  waterSaturation: 1.0\n"
-         << "  clayMicroPorosity: 0.4\n  bulkWaterT2: 2.5\n"
-         << "  diffusionConstantWater: 2.3e-09\n  diffusionConstantOil: 1e-10\n"
-         << "  surfaceRelaxationStrengthWater: {Clay: 5.0e-06, Quartz: 3.0e-05, "
-            "Feldspars (dissolvable): 1.0e-05}\n"
-         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
-         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
-         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: 4242\n"
-         << "  subsampleCalculation: " << (subsample ? "true" : "false") << "\n"
-         << "  regionOfInterest: " << region << "\n"
-         << "  t2Components: 60\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n";
-    return yaml.str();
+// The whole 32^3 grain rock, or a sub-region of it walked on its own.
+std::string parameters(int walkers, bool region) {
+    return parameterFile({{"echoSpacing", "0.0002"},
+                          {"magneticFieldGradient", "0.3"},
+                          {"clayMicroPorosity", "0.4"},
+                          {"bulkWaterT2", "2.5"},
+                          {"diffusionConstantWater", "2.3e-09"},
+                          {"surfaceRelaxationStrengthWater",
+                           "{Clay: 5.0e-06, Quartz: 3.0e-05, Feldspars (dissolvable): 1.0e-05}"},
+                          {"numberOfWalkers", std::to_string(walkers)},
+                          {"randomSeed", "4242"},
+                          {"subsampleCalculation", region ? "true" : "false"},
+                          {"regionOfInterest", region ? "{x: [3, 29], y: [0, 32], z: [5, 27]}"
+                                                      : "{x: [0, 4], y: [0, 4], z: [0, 4]}"},
+                          {"t2Components", "60"}});
 }
 
 std::string checksum(const std::string& bytes) {
@@ -99,15 +86,18 @@ std::string checksum(const std::string& bytes) {
     return text;
 }
 
+enum class Setup {
+    Plain,
+    NodesOfTwo,  // NMRWALK_RANKS_PER_NODE=2: nodes of two processes, one grid copy each
+    Region,      // a sub-region of the grain rock
+    Compressed,  // the 200^3 slab rock under -m 3: the grid travels as compressed blocks
+};
+
 struct StoredRun {
     std::string name;
+    Setup setup;
     int processes;
-    std::vector<std::string> arguments;
-    std::vector<std::string> environment;
-    bool slabs;  // the 200^3 slab rock instead of the 32^3 grain rock
     int walkers;
-    std::string region;
-    bool subsample;
     std::string decay;      // crc32:length of T2decay.out
     std::string inversion;  // crc32:length of T2inversion.out
 };
@@ -118,101 +108,38 @@ class StoredOutput : public ::testing::TestWithParam<StoredRun> {};
 
 TEST_P(StoredOutput, RunReproducesTheRecordedFiles) {
     const StoredRun& r = GetParam();
-    ScratchDirectory dir;
-    if (r.slabs) {
-        writeSlabRock(dir / "rock.binc", 200);
+    const bool compressed = r.setup == Setup::Compressed;
+    TempDir dir;
+    if (compressed) {
+        writeLayeredRock(dir / "rock.binc", 200, [](std::uint32_t z) { return z % 7 == 0; });
     } else {
         writeGrainRock(dir / "rock.binc");
     }
-    dir.write("nmr.yaml", parameters(r.walkers, r.region, r.subsample));
+    dir.write("nmr.yaml", parameters(r.walkers, r.setup == Setup::Region));
     std::vector<std::string> environment = launcherEnvironment();
-    environment.insert(environment.end(), r.environment.begin(), r.environment.end());
-    const auto result = runCommand(nmrwalkCommand(r.processes, r.arguments), dir.path(),
+    if (r.setup == Setup::NodesOfTwo) environment.push_back("NMRWALK_RANKS_PER_NODE=2");
+    const auto arguments =
+        compressed ? std::vector<std::string>{"-m", "3"} : std::vector<std::string>{};
+    const auto result = runCommand(nmrwalkCommand(r.processes, arguments), dir.path(),
                                    std::chrono::seconds(600), environment);
     ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
     EXPECT_EQ(checksum(dir.read("T2decay.out")), r.decay);
     EXPECT_EQ(checksum(dir.read("T2inversion.out")), r.inversion);
 }
 
-const char* const kWholeGrid = "{x: [0, 4], y: [0, 4], z: [0, 4]}";
-const char* const kRegion = "{x: [3, 29], y: [0, 32], z: [5, 27]}";
-
-INSTANTIATE_TEST_SUITE_P(
-    Runs, StoredOutput,
-    ::testing::Values(
-        StoredRun{"plain_np1",
-                  1,
-                  {},
-                  {},
-                  false,
-                  3000,
-                  kWholeGrid,
-                  false,
-                  "30b2a909:2437",
-                  "6244b21c:684"},
-        StoredRun{"plain_np2",
-                  2,
-                  {},
-                  {},
-                  false,
-                  3000,
-                  kWholeGrid,
-                  false,
-                  "1c03e02e:2481",
-                  "c204eb7c:689"},
-        StoredRun{"plain_np3",
-                  3,
-                  {},
-                  {},
-                  false,
-                  3001,
-                  kWholeGrid,
-                  false,
-                  "500ec44d:2424",
-                  "1d849e0a:720"},
-        StoredRun{"plain_np4",
-                  4,
-                  {},
-                  {},
-                  false,
-                  3000,
-                  kWholeGrid,
-                  false,
-                  "1ba82d15:2459",
-                  "6b5fbaee:665"},
-        StoredRun{"plain_np4_two_nodes",
-                  4,
-                  {},
-                  {"NMRWALK_RANKS_PER_NODE=2"},
-                  false,
-                  3000,
-                  kWholeGrid,
-                  false,
-                  "1ba82d15:2459",
-                  "6b5fbaee:665"},
-        StoredRun{"plain_np3_nodes_of_two",
-                  3,
-                  {},
-                  {"NMRWALK_RANKS_PER_NODE=2"},
-                  false,
-                  3001,
-                  kWholeGrid,
-                  false,
-                  "500ec44d:2424",
-                  "1d849e0a:720"},
-        StoredRun{
-            "region_np2", 2, {}, {}, false, 2000, kRegion, true, "ab87ec67:2451", "67cadc39:707"},
-        StoredRun{"compressed_np2",
-                  2,
-                  {"-m", "3"},
-                  {},
-                  true,
-                  1500,
-                  kWholeGrid,
-                  false,
-                  "a67a3a6f:2701",
-                  "7f3e4f16:640"}),
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Runs, StoredOutput, ::testing::Values(
+    StoredRun{"plain_np1", Setup::Plain, 1, 3000, "30b2a909:2437", "6244b21c:684"},
+    StoredRun{"plain_np2", Setup::Plain, 2, 3000, "1c03e02e:2481", "c204eb7c:689"},
+    StoredRun{"plain_np3", Setup::Plain, 3, 3001, "500ec44d:2424", "1d849e0a:720"},
+    StoredRun{"plain_np4", Setup::Plain, 4, 3000, "1ba82d15:2459", "6b5fbaee:665"},
+    StoredRun{"plain_np4_two_nodes", Setup::NodesOfTwo, 4, 3000, "1ba82d15:2459", "6b5fbaee:665"},
+    StoredRun{"plain_np3_nodes_of_two", Setup::NodesOfTwo, 3, 3001, "500ec44d:2424",
+              "1d849e0a:720"},
+    StoredRun{"region_np2", Setup::Region, 2, 2000, "ab87ec67:2451", "67cadc39:707"},
+    StoredRun{"compressed_np2", Setup::Compressed, 2, 1500, "a67a3a6f:2701", "7f3e4f16:640"}),
     [](const ::testing::TestParamInfo<StoredRun>& run) { return run.param.name; });
+// clang-format on
 
 }  // namespace
 }  // namespace nmr::test

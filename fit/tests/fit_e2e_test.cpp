@@ -5,24 +5,13 @@
 #include <cmath>
 #include <sstream>
 
-#include "app/tests/e2e_support.h"
 #include "fit/recorded_walk_file.h"
 #include "fit/reweighted_decay.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
 namespace {
-
-std::vector<std::string> launch(int processes, const std::string& program,
-                                const std::vector<std::string>& arguments) {
-    std::vector<std::string> command = {NMR_MPIEXEC, NMR_MPIEXEC_NUMPROC_FLAG,
-                                        std::to_string(processes)};
-    std::istringstream pre(NMR_MPIEXEC_PREFLAGS), post(NMR_MPIEXEC_POSTFLAGS);
-    for (std::string word; pre >> word;) command.push_back(word);
-    command.push_back(program);
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    for (std::string word; post >> word;) command.push_back(word);
-    return command;
-}
 
 struct Rock {
     int size = 30;
@@ -31,28 +20,16 @@ struct Rock {
 };
 
 std::string parameters(int walkers, int seed, double quartz, double clay) {
-    std::ostringstream yaml;
-    yaml << "NuclearMagneticResonanceParameters:\n"
-         << "  grid: rock.binc\n"
-         << "  gyroMagneticRatio: 42580000.0\n  echoSpacing: 0.0002\n"
-         << "  magneticFieldGradient: 0.1\n  saturationFile: false\n  waterSaturation: 1.0\n"
-         << "  clayMicroPorosity: 0.3\n  bulkWaterT2: 2.5\n"
-         << "  diffusionConstantWater: 2.3e-09\n  diffusionConstantOil: 1e-10\n"
-         << "  surfaceRelaxationStrengthWater: {Clay: " << clay << ", Quartz: " << quartz << "}\n"
-         << "  bulkOilT2: [1.0]\n  intensityT2: [1.0]\n"
-         << "  surfaceRelaxationStrengthOil: {Quartz: 1.6e-15}\n"
-         << "  numberOfWalkers: " << walkers << "\n  stepLength: 0.5\n  randomSeed: " << seed
-         << "\n  subsampleCalculation: false\n"
-         << "  regionOfInterest: {x: [0, 4], y: [0, 4], z: [0, 4]}\n"
-         << "  t2Components: 60\n  t2Minimum: 0.01\n  t2Maximum: 10000.0\n";
-    return yaml.str();
-}
-
-std::vector<std::pair<double, double>> columns(const std::string& text) {
-    std::vector<std::pair<double, double>> points;
-    std::istringstream in(text);
-    for (double t, a; in >> t >> a;) points.emplace_back(t, a);
-    return points;
+    std::ostringstream relaxivities;
+    relaxivities << "{Clay: " << clay << ", Quartz: " << quartz << "}";
+    return parameterFile({{"echoSpacing", "0.0002"},
+                          {"magneticFieldGradient", "0.1"},
+                          {"bulkWaterT2", "2.5"},
+                          {"diffusionConstantWater", "2.3e-09"},
+                          {"surfaceRelaxationStrengthWater", relaxivities.str()},
+                          {"numberOfWalkers", std::to_string(walkers)},
+                          {"randomSeed", std::to_string(seed)},
+                          {"t2Components", "60"}});
 }
 
 // The value of "Fitted <name>: <value> m/s (+- <u>)".
@@ -68,42 +45,27 @@ std::pair<double, double> fitted(const std::string& output, const std::string& n
 class Fit : public ::testing::Test {
 protected:
     void makeRock(const Rock& rock) {
-        const auto result = runCommand({NMR_GRID_TOOL,
-                                        "pack",
-                                        "--size",
-                                        std::to_string(rock.size),
-                                        "--cell-size",
-                                        "2",
-                                        "--radius",
-                                        std::to_string(rock.radius),
-                                        "--radius-spread",
-                                        "0.3",
-                                        "--porosity",
-                                        "0.3",
-                                        "--clay-thickness",
-                                        "1",
-                                        "--clay-fraction",
-                                        std::to_string(rock.clayFraction),
-                                        "--seed",
-                                        "17",
-                                        "-o",
-                                        (dir_ / "rock.binc").string()},
-                                       dir_.path());
+        std::ostringstream pack;
+        pack << shellQuoted(programPath("nmrwalk-grid")) << " pack --size " << rock.size
+             << " --cell-size 2 --radius " << rock.radius << " --radius-spread 0.3 --porosity 0.3"
+             << " --clay-thickness 1 --clay-fraction " << rock.clayFraction << " --seed 17"
+             << " -o rock.binc";
+        const auto result = runCommand({"sh", "-c", pack.str()}, dir_.path());
         ASSERT_EQ(result.exitStatus, 0) << result.errorOutput;
     }
     // nmrwalk's decay with these relaxivities, as the measured file `name`.
     void simulate(const std::string& name, int walkers, double quartz, double clay) {
         dir_.write("nmr.yaml", parameters(walkers, 4711, quartz, clay));
-        const auto result = runCommand(launch(2, NMR_NMRWALK, {}), dir_.path(),
-                                       std::chrono::seconds(600), launcherEnvironment());
+        const auto result = runCommand(nmrwalkCommand(2), dir_.path(), std::chrono::seconds(600),
+                                       launcherEnvironment());
         ASSERT_EQ(result.exitStatus, 0) << result.output << result.errorOutput;
         std::filesystem::rename(dir_ / "T2decay.out", dir_ / name);
     }
     CommandResult fit(const std::vector<std::string>& arguments, int processes = 2) {
-        return runCommand(launch(processes, NMR_FIT_TOOL, arguments), dir_.path(),
-                          std::chrono::seconds(900), launcherEnvironment());
+        return runCommand(launcherCommand(processes, programPath("nmrwalk-fit"), arguments),
+                          dir_.path(), std::chrono::seconds(900), launcherEnvironment());
     }
-    ScratchDirectory dir_{"nmr_fit_e2e"};
+    TempDir dir_{"nmr_fit_e2e"};
 };
 
 TEST_F(Fit, ReweightedDecayAtTheFilesRelaxivitiesAgreesWithTheRunWithinItsMonteCarloBand) {

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <random>
 
 #include "common/exception.h"
@@ -12,6 +9,7 @@
 #include "fit/recorded_walk_file.h"
 #include "fit/relaxivity_fit.h"
 #include "fit/reweighted_decay.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::fit {
 namespace {
@@ -203,10 +201,8 @@ TEST(MeasuredWindow, PointsInsideTheSimulationAreComparedAtAFreeScale) {
 }
 
 TEST(RecordedWalkFile, RoundTripsAndRefusesDamageAndOtherWalks) {
-    const auto dir =
-        std::filesystem::temp_directory_path() / ("nmr_fit_file_" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    const std::string path = (dir / "fit.walk").string();
+    const test::TempDir dir;
+    const std::string path = dir.file("fit.walk");
     RecordedWalk walk;
     walk.fingerprint = {{"the seed", "8008"}, {"the step", "0.5"}};
     walk.run = smallRun();
@@ -225,23 +221,14 @@ TEST(RecordedWalkFile, RoundTripsAndRefusesDamageAndOtherWalks) {
     EXPECT_EQ(fingerprintDifference(walk.fingerprint, {{"the seed", "8009"}, {"the step", "0.5"}}),
               "it was recorded with the seed 8008 and the run now has 8009");
 
-    std::string bytes;
-    {
-        std::ifstream in(path, std::ios::binary);
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    auto rewrite = [&](const std::string& content) {
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-    };
+    const std::string bytes = dir.read("fit.walk");
     std::string flipped = bytes;
     flipped[flipped.size() / 2] ^= 0x10;
-    rewrite(flipped);
-    EXPECT_THROW(readRecordedWalk(path), FileAccessException);
-    rewrite(bytes.substr(0, bytes.size() - 9));
-    EXPECT_THROW(readRecordedWalk(path), FileAccessException);
-    rewrite("not a recorded walk");
-    EXPECT_THROW(readRecordedWalk(path), FileAccessException);
-    std::filesystem::remove_all(dir);
+    for (const std::string& damaged :
+         {flipped, bytes.substr(0, bytes.size() - 9), std::string("not a recorded walk")}) {
+        dir.write("fit.walk", damaged);
+        EXPECT_THROW(readRecordedWalk(path), FileAccessException);
+    }
 }
 
 }  // namespace

@@ -6,19 +6,12 @@
 #include <random>
 
 #include "grid/sliced_grid.h"
+#include "testutil/checks.h"
 
 namespace nmr {
 namespace {
 
 using Code = Mineral::Type;
-
-struct RecordingLogger : LoggerBase {
-    void debug(const std::string&) override {}
-    void info(const std::string&) override {}
-    void warn(const std::string&) override {}
-    void error(const std::string& text) override { errors.push_back(text); }
-    std::vector<std::string> errors;
-};
 
 // The block rule is shared with the walker sort, so every axis case matters.
 TEST(CompressedBlockedGrid, BlockCountsAndLastBlockReachTheEndOfTheAxis) {
@@ -153,17 +146,13 @@ TEST(CompressedBlockedGrid, DamagedBlockBytesRaiseTheZlibErrors) {
     CompressedBlockedGrid<Code> big(8, 8, 6, 0, 0, 0, 1.0, 4);
     big.setCell(1, 1, 5, Mineral::Clay);  // one block along z: 4 x 4 x 6 cells
 
-    RecordingLogger logger;
+    test::RecordingLogger logger;
     CompressedBlockedGrid<Code> target(8, 8, 8, 0, 0, 0, 1.0, 4, 16, &logger);
     // Bytes of a larger block do not fit in this block's cells.
     target.installBlock(0, source.blockDescription(0), big.blockBytes(big.blockNumber(1, 1, 5)));
-    try {
-        (void)target.at(0, 0, 0);
-        FAIL() << "expected an exception";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.message(), "zlib (un)compress failed (dest buf too small)");
-        EXPECT_EQ(logger.errors, (std::vector<std::string>{e.message()}));
-    }
+    const std::string tooSmall = "zlib (un)compress failed (dest buf too small)";
+    EXPECT_THROW_MSG(target.at(0, 0, 0), Exception, tooSmall);
+    EXPECT_EQ(logger.errors, std::vector<std::string>{tooSmall});
 
     std::vector<std::uint32_t> garbled = source.blockDescription(1);
     garbled[6] = 1;
@@ -183,13 +172,9 @@ TEST(CompressedBlockedGrid, MemoryBudgetSetsTheBlockLimitOrRefuses) {
     EXPECT_EQ(grid.maxExpandedBlocks(), 3u);  // ceil(2.5)
     grid.applyMemoryBudget(1000.0);
     EXPECT_EQ(grid.maxExpandedBlocks(), 6u);  // never more than there are blocks
-    try {
-        grid.applyMemoryBudget(1.0);
-        FAIL() << "expected an exception";
-    } catch (const Exception& e) {
-        // ceil((1.16 + overhead) * 1.1) = 2, printed as a float would print it.
-        EXPECT_EQ(e.message(), "Not enough memory available, need at least 2 MB for the grid.");
-    }
+    // ceil((1.16 + overhead) * 1.1) = 2, printed as a float would print it.
+    EXPECT_THROW_MSG(grid.applyMemoryBudget(1.0), Exception,
+                     "Not enough memory available, need at least 2 MB for the grid.");
 }
 
 }  // namespace

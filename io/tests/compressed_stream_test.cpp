@@ -30,8 +30,8 @@ TEST_F(StreamTest, GzipIsDeterministicAndRoundTripsThroughTheFactory) {
         if (i % 65536 == 0) pieces.flush();
     }
     pieces.close();
-    const std::string a = readRaw(path("a"));
-    EXPECT_EQ(a, readRaw(path("b")));
+    const std::string a = readFile(path("a"));
+    EXPECT_EQ(a, readFile(path("b")));
     // Magic, deflate, no flags, mtime 0, no extra flags at level 3, unknown OS.
     EXPECT_EQ(a.substr(0, 10), std::string("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\xff", 10));
 
@@ -43,9 +43,9 @@ TEST_F(StreamTest, GzipIsDeterministicAndRoundTripsThroughTheFactory) {
 
 TEST_F(StreamTest, LegacyFileIsReadChunkByChunkAndFoundUnderTheNameWithC) {
     const std::string content = sampleContent(10'000) + "\nlast line\n";
-    writeRaw(path("only.binc"), legacyFile(content, 777));
-    writeRaw(path("both.bin"), legacyFile("from bin", 100));
-    writeRaw(path("both.binc"), legacyFile("from binc", 100));
+    writeFile(path("only.binc"), legacyFile(content, 777));
+    writeFile(path("both.bin"), legacyFile("from bin", 100));
+    writeFile(path("both.binc"), legacyFile("from binc", 100));
     for (auto [name, opened, text] : {std::tuple{"only.bin", "only.binc", content},
                                       std::tuple{"both.bin", "both.bin", std::string("from bin")},
                                       std::tuple{"only.binc", "only.binc", content}}) {
@@ -77,7 +77,7 @@ TEST_F(StreamTest, DamagedLegacyFilesLogTheFormatError) {
     // clang-format on
     for (const auto& [from, to, logged] : cases) {
         std::string file = good;
-        writeRaw(path("bad.binc"), file.replace(file.find(from), from.size(), to));
+        writeFile(path("bad.binc"), file.replace(file.find(from), from.size(), to));
         RecordingLogger log;
         CompressedInStreamLegacy in(&log);
         in.open(path("bad.binc"), std::ios::in | std::ios::binary);

@@ -39,7 +39,7 @@ TEST_F(GridFileTest, WholeGridAndSliceWriterGiveTheSameExactFile) {
     GrainBedGridWriter writer(path("slices.binc"), 5, 4, 3, 1, 0, 1, 0.125);
     for (std::uint32_t z = 0; z < 3; ++z) writer.writeSlice(grid.sliceData(z));
     writer.close();
-    EXPECT_EQ(readRaw(path("whole.binc")), readRaw(path("slices.binc")));
+    EXPECT_EQ(readFile(path("whole.binc")), readFile(path("slices.binc")));
 
     const std::string content = readAllThrough(*openCompressedInStream(path("whole.binc")));
     std::string expectedHeader =
@@ -100,7 +100,7 @@ TEST_F(GridFileTest, HeaderKeywordRulesAndQuirks) {
         GrainBedGridHeader header;
         const auto read = [&] { return readGrainBedGridHeader(*in, header, log); };
         if (c.result < 0) {
-            EXPECT_EQ(messageOf<FileAccessException>(read), c.message);
+            EXPECT_EQ(thrownMessage<FileAccessException>(read), c.message);
             continue;
         }
         EXPECT_EQ(read(), c.result == 1);

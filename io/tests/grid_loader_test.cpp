@@ -96,7 +96,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, PlacementTest, ::testing::Values(
 // clang-format on
 
 TEST_F(LoaderTest, TextGridIsConvertedNextToItAndLoaded) {
-    writeRaw(path("grid.txt"), "x\ny\n2 2 1\n0 3 0 1 0 1\n0 1\n2 3\n");
+    writeFile(path("grid.txt"), "x\ny\n2 2 1\n0 3 0 1 0 1\n0 1\n2 3\n");
     auto grid = loadSlicedGrid(path("grid.txt"), {}, log_, progress_);
     EXPECT_TRUE(std::filesystem::exists(path("grid.txt.binc")));
     EXPECT_DOUBLE_EQ(grid->cellSize(), 1.5);
@@ -115,8 +115,9 @@ TEST_F(LoaderTest, NotEnoughMemoryNamesTheNeededFigure) {
         std::ceil((blockBytes / mib + static_cast<double>(fits->overheadBytes()) / mib) * 1.1);
     std::ostringstream expected;
     expected << "Not enough memory available, need at least " << figure << " MB for the grid.";
-    EXPECT_EQ(messageOf([&] { loadCompressedBlockedGrid(file, {}, 0.05, log_, progress_, 16); }),
-              expected.str());
+    EXPECT_EQ(
+        thrownMessage([&] { loadCompressedBlockedGrid(file, {}, 0.05, log_, progress_, 16); }),
+        expected.str());
 }
 
 enum Form { kGzip, kRaw, kGzipCut, kGzipFlipped, kMissing };
@@ -136,15 +137,15 @@ TEST_P(BadInputTest, EndsInTheRightExceptionOrLoads) {
     const std::string file = path(c.name + ".binc");
     std::string bytes = c.content;
     if (c.form != kRaw) writeGzip(file, c.content);
-    if (c.form != kRaw) bytes = readRaw(file);
+    if (c.form != kRaw) bytes = readFile(file);
     if (c.form == kGzipCut) bytes.resize(bytes.size() / 2);
     if (c.form == kGzipFlipped) bytes[bytes.size() / 2] ^= 0x55;
-    if (c.form != kMissing) writeRaw(file, bytes);
+    if (c.form != kMissing) writeFile(file, bytes);
     if (c.form == kMissing) std::filesystem::remove(file);
     std::string message = c.message;
     if (!message.empty() && message.back() == ' ') message += file;
     if (!message.empty() && message.back() == '(') message += file + ")";
-    EXPECT_EQ(messageOf([&] { loadSlicedGrid(file, c.options, log_, progress_); }),
+    EXPECT_EQ(thrownMessage([&] { loadSlicedGrid(file, c.options, log_, progress_); }),
               message.empty() ? "no exception" : message);
 }
 
@@ -200,11 +201,11 @@ TEST_F(LoaderTest, RecordsBeyondWhatTheFileCanHoldFailBeforeTheGridIsMade) {
         throw MemoryAllocationException("refused");
     };
     const std::string shortFile = "Did not find enough data for a grid";
-    EXPECT_EQ(messageOf([&] { loadByteMineralGrid(file, {}, log_, progress_, refuse); }),
+    EXPECT_EQ(thrownMessage([&] { loadByteMineralGrid(file, {}, log_, progress_, refuse); }),
               shortFile);
     EXPECT_EQ(asked, 0u);
-    EXPECT_EQ(messageOf([&] { loadSlicedGrid(file, {}, log_, progress_); }), shortFile);
-    EXPECT_EQ(messageOf([&] { loadCompressedBlockedGrid(file, {}, 100.0, log_, progress_); }),
+    EXPECT_EQ(thrownMessage([&] { loadSlicedGrid(file, {}, log_, progress_); }), shortFile);
+    EXPECT_EQ(thrownMessage([&] { loadCompressedBlockedGrid(file, {}, 100.0, log_, progress_); }),
               shortFile);
     EXPECT_TRUE(RecordingLogger::has(
         log_.errors, "Binary grain bed grid file corrupted. Did not find enough data for a grid"));
@@ -220,7 +221,7 @@ TEST_F(LoaderTest, RecordsBeyondWhatTheFileCanHoldFailBeforeTheGridIsMade) {
 TEST_F(LoaderTest, MutatedFilesNeverCrash) {
     const std::string good = gridFileContent(6, 5, 4, 1, std::vector<std::uint32_t>(120, 5));
     writeGzip(path("good"), good);
-    const std::string packed = readRaw(path("good"));
+    const std::string packed = readFile(path("good"));
     std::mt19937 rng(2024);
     int refused = 0;
     for (int i = 0; i < 300; ++i) {
@@ -232,8 +233,9 @@ TEST_F(LoaderTest, MutatedFilesNeverCrash) {
         if (kind == 1) bytes.erase(at, 1 + rng() % 8);
         if (kind == 2) bytes.resize(std::max<std::size_t>(at, 1));
         const std::string file = path(std::to_string(i));
-        (i % 2 ? writeGzip : writeRaw)(file, bytes);
-        refused += messageOf([&] { loadSlicedGrid(file, {}, log_, progress_); }) != "no exception";
+        i % 2 ? writeGzip(file, bytes) : writeFile(file, bytes);
+        refused +=
+            thrownMessage([&] { loadSlicedGrid(file, {}, log_, progress_); }) != "no exception";
     }
     EXPECT_GT(refused, 100);  // most damage must be noticed
 }

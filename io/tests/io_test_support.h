@@ -3,64 +3,18 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "common/exception.h"
-#include "common/logger.h"
 #include "common/progress_reporter.h"
 #include "io/compressed_in_stream.h"
 #include "io/compressed_out_stream.h"
 #include "io/grain_bed_grid_format.h"
+#include "testutil/checks.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr::test {
-
-class RecordingLogger : public LoggerBase {
-public:
-    void debug(const std::string&) override {}
-    void info(const std::string& text) override { infos.push_back(text); }
-    void warn(const std::string& text) override { warnings.push_back(text); }
-    void error(const std::string& text) override { errors.push_back(text); }
-    static bool has(const std::vector<std::string>& list, const std::string& text) {
-        return std::find(list.begin(), list.end(), text) != list.end();
-    }
-    std::vector<std::string> infos, warnings, errors;
-};
-
-// The message of the E that f throws, or "no exception".
-template <typename E = Exception, typename F>
-std::string messageOf(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.message();
-    }
-    return "no exception";
-}
-
-class TempDirTest : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(dir_.data()), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string path(const std::string& name) const { return dir_ + "/" + name; }
-
-    std::string dir_ = (std::filesystem::temp_directory_path() / "nmr-io-XXXXXX").string();
-};
-
-inline std::string readRaw(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-inline void writeRaw(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 inline void writeGzip(const std::string& path, const std::string& content) {
     CompressedOutStream out;

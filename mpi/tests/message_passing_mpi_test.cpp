@@ -11,52 +11,37 @@ struct Point {
     double x, y, z;
 };
 
-TEST(MessagePassing, VectorBroadcastResizesReceivers) {
-    const int rank = mpi::rank();
-    // Receivers start longer, shorter and empty; all must end with the root's length.
-    std::vector<std::uint32_t> values;
-    if (rank == 0) {
-        values = {7, 8, 9};
-    } else {
-        values.assign(static_cast<std::size_t>(rank % 2 ? 10 : 1), 42u);
-    }
-    mpi::broadcast(values, 0);
-    EXPECT_EQ(values, (std::vector<std::uint32_t>{7, 8, 9}));
-
+// Receivers start with other values and, for vectors and strings, longer, shorter or empty
+// storage: all must end with exactly the root's.
+TEST(MessagePassing, BroadcastOfEveryKindGivesTheRootsValue) {
+    const bool root = mpi::rank() == 0;
+    std::vector<std::uint32_t> values = root ? std::vector<std::uint32_t>{7, 8, 9}
+                                             : std::vector<std::uint32_t>(mpi::rank() % 2 ? 10 : 1);
     std::vector<long long> big =
-        rank == 0 ? std::vector<long long>{1LL << 40, -5} : std::vector<long long>(5, 3);
+        root ? std::vector<long long>{1LL << 40, -5} : std::vector<long long>(5);
+    std::vector<double> empty = root ? std::vector<double>{} : std::vector<double>(4, 1.0);
+    std::string text = root ? "grid.binc" : "longer text here";
+    bool on = root, off = !root;  // a bool travels as one byte
+    double d = root ? 0.125 : -1.0;
+    std::uint32_t u = root ? 4000000000u : 0u;
+    char chars[6] = {0};
+    if (root) std::copy_n("slice", 6, chars);
+    mpi::broadcast(values, 0);
     mpi::broadcast(big, 0);
-    EXPECT_EQ(big, (std::vector<long long>{1LL << 40, -5}));
-
-    std::vector<double> empty = rank == 0 ? std::vector<double>{} : std::vector<double>(4, 1.0);
     mpi::broadcast(empty, 0);
-    EXPECT_TRUE(empty.empty());
-}
-
-TEST(MessagePassing, ScalarAndArrayBroadcast) {
-    const int rank = mpi::rank();
-    bool flag = rank == 0;  // true on the root, false elsewhere
-    mpi::broadcast(flag, 0);
-    EXPECT_TRUE(flag);
-    bool off = rank != 0;
+    mpi::broadcast(text, 0);
+    mpi::broadcast(on, 0);
     mpi::broadcast(off, 0);
-    EXPECT_FALSE(off);
-
-    double d = rank == 0 ? 0.125 : -1.0;
     mpi::broadcast(d, 0);
-    EXPECT_EQ(d, 0.125);
-    std::uint32_t u = rank == 0 ? 4000000000u : 0u;
     mpi::broadcast(u, 0);
-    EXPECT_EQ(u, 4000000000u);
-
-    char text[6] = {0};
-    if (rank == 0) std::copy_n("slice", 6, text);
-    mpi::broadcast(text, 6, 0);
-    EXPECT_STREQ(text, "slice");
-
-    std::string s = rank == 0 ? "grid.binc" : "longer text here";
-    mpi::broadcast(s, 0);
-    EXPECT_EQ(s, "grid.binc");
+    mpi::broadcast(chars, 6, 0);
+    EXPECT_EQ(values, (std::vector<std::uint32_t>{7, 8, 9}));
+    EXPECT_EQ(big, (std::vector<long long>{1LL << 40, -5}));
+    EXPECT_TRUE(empty.empty());
+    EXPECT_EQ(text, "grid.binc");
+    EXPECT_TRUE(on && !off);
+    EXPECT_EQ(std::tuple(d, u), std::tuple(0.125, 4000000000u));
+    EXPECT_STREQ(chars, "slice");
 }
 
 TEST(MessagePassing, AgreementAndReductions) {

@@ -1,20 +1,19 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <sstream>
+#include <tuple>
 
 #include "io/grain_bed_grid_writer.h"
 #include "io/grid_loader.h"
 #include "mpi/message_passing.h"
 #include "mpi/node_topology.h"
 #include "parallel/grid_distribution.h"
+#include "testutil/temp_dir.h"
 #include "walk/block_key_tables.h"
 #include "walk/walker_creation.h"
 
 namespace nmr {
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(GridDistributionRules, PlainSizeEstimateWrapsAt32Bits) {
     // 100^3 cells -> 125000 eighths -> 500000 bytes.
@@ -39,25 +38,12 @@ TEST(GridDistributionRules, PlainWalkerShares) {
 // one cell may be given a different code.
 class DistributionTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string dir;
-        if (mpi::rank() == 0) {
-            dir = (fs::temp_directory_path() / ("nmr-dist-" + std::to_string(::getpid()))).string();
-            fs::create_directories(dir);
-        }
-        mpi::broadcast(dir, 0);
-        dir_ = dir;
-    }
-    void TearDown() override {
-        mpi::barrier();
-        if (mpi::rank() == 0) fs::remove_all(dir_);
-    }
     static Mineral::Type expectedCell(std::uint32_t x, std::uint32_t y, std::uint32_t z) {
         return (x + 2 * y + 3 * z) % 5 == 0 ? Mineral::Quartz : Mineral::Pore;
     }
     std::string writeRock(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                           std::uint32_t badCode = 0) {
-        const std::string path = (dir_ / "rock.binc").string();
+        const std::string path = dir_.file("rock.binc");
         if (mpi::rank() == 0) {
             GrainBedGridWriter writer(path, nx, ny, nz, 0, 0, 0, 2.0);
             std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(nx) * ny);
@@ -73,15 +59,15 @@ protected:
         mpi::barrier();
         return path;
     }
-    DistributionRequest request(const std::string& path, std::uint32_t memoryMb,
-                                std::int32_t walkers) {
-        DistributionRequest r;
-        r.rank = mpi::rank();
-        r.size = mpi::size();
-        r.gridPath = path;
-        r.memoryLimitMb = memoryMb;
-        r.numberOfWalkers = walkers;
-        return r;
+    // This process's copy of the grid at path; its walkers and console output land in
+    // walkers_ and console_.
+    DistributedGrid distribute(RandomStream& stream, const std::string& path,
+                               std::uint32_t memoryMb, std::int32_t walkers,
+                               RegionOfInterest region = {}) {
+        walkers_.clear();
+        console_.str("");
+        return distributeGridAndWalkers({mpi::rank(), mpi::size(), path, region, memoryMb, walkers},
+                                        stream, walkers_, console_);
     }
     static void expectSameCells(const auto& grid, const BlockBounds& box) {
         for (std::uint32_t z = box.z0; z < box.z1; ++z)
@@ -97,16 +83,15 @@ protected:
         for (std::uint32_t b = 0; b < grid.blockCount(); ++b)
             expectSameCells(grid, grid.blockBounds(b));
     }
-    fs::path dir_;
+    test::SharedTempDir dir_;
+    std::vector<Walker> walkers_;
+    std::ostringstream console_;
 };
 
 TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
     const std::string path = writeRock(20, 17, 13);
     RandomStream stream(8008u + static_cast<std::uint32_t>(mpi::rank()));
-    std::vector<Walker> walkers;
-    std::ostringstream console;
-    const DistributedGrid copy =
-        distributeGridAndWalkers(request(path, 1500, 103), stream, walkers, console);
+    const DistributedGrid copy = distribute(stream, path, 1500, 103);
     ASSERT_TRUE(copy.plain() != nullptr);
     EXPECT_EQ(copy.compressed(), nullptr);
     expectSameRock(*copy.plain());
@@ -114,16 +99,16 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
     // Every process agrees on the volume fractions the summary is computed from.
     EXPECT_DOUBLE_EQ(mpi::allReduce(copy.grid().porosity(), MPI_MAX),
                      mpi::allReduce(copy.grid().porosity(), MPI_MIN));
-    EXPECT_EQ(static_cast<std::int32_t>(walkers.size()),
+    EXPECT_EQ(static_cast<std::int32_t>(walkers_.size()),
               localWalkerCount(103, mpi::rank(), mpi::size()));
-    for (const Walker& w : walkers)
+    for (const Walker& w : walkers_)
         EXPECT_EQ(copy.plain()->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
                   Mineral::Pore);
     if (mpi::rank() == 0) {
-        EXPECT_NE(console.str().find("* Read grid time: "), std::string::npos);
-        EXPECT_EQ(console.str().find("* Distribute time: ") != std::string::npos, mpi::size() > 1);
+        EXPECT_NE(console_.str().find("* Read grid time: "), std::string::npos);
+        EXPECT_EQ(console_.str().find("* Distribute time: ") != std::string::npos, mpi::size() > 1);
     } else {
-        EXPECT_TRUE(console.str().empty());
+        EXPECT_TRUE(console_.str().empty());
     }
 
     // One copy per node: a cell the node leader changes changes for its whole node, and
@@ -141,25 +126,22 @@ TEST_F(DistributionTest, PlainModeReplicatesEveryCellAndSplitsWalkers) {
 TEST_F(DistributionTest, PlainGridBeyondTheNodesMemoryEndsEveryProcess) {
     // A header of 16384^3 cells with no cells behind it: the four-byte estimate wraps to
     // nothing, so the plain copy is chosen, and it needs 4 TiB on every node.
-    const std::string path = (dir_ / "huge.binc").string();
+    const std::string path = dir_.file("huge.binc");
     if (mpi::rank() == 0) {
         GrainBedGridWriter writer(path, 16384, 16384, 16384, 0, 0, 0, 1.0);
     }
     mpi::barrier();
     RandomStream stream(1u);
-    std::vector<Walker> walkers;
-    std::ostringstream console;
-    const DistributedGrid copy =
-        distributeGridAndWalkers(request(path, 1500, 10), stream, walkers, console);
+    const DistributedGrid copy = distribute(stream, path, 1500, 10);
     EXPECT_FALSE(copy);
-    EXPECT_TRUE(walkers.empty());
+    EXPECT_TRUE(walkers_.empty());
     if (mpi::rank() == 0) {
-        EXPECT_EQ(console.str().rfind("Not enough memory to hold the grid once per node: 4194304 "
-                                      "MB needed, ",
-                                      0),
+        EXPECT_EQ(console_.str().rfind("Not enough memory to hold the grid once per node: 4194304 "
+                                       "MB needed, ",
+                                       0),
                   0u)
-            << console.str();
-        EXPECT_EQ(console.str().find("* Read grid time"), std::string::npos);
+            << console_.str();
+        EXPECT_EQ(console_.str().find("* Read grid time"), std::string::npos);
     }
 }
 
@@ -168,11 +150,8 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     // the compressed copy, and 2 MB remain for expanded 64^3 blocks of 1 MiB.
     const std::string path = writeRock(200, 200, 200);
     RandomStream stream(77u + static_cast<std::uint32_t>(mpi::rank()));
-    std::vector<Walker> walkers;
-    std::ostringstream console;
     const std::int32_t total = 203;
-    const DistributedGrid copy =
-        distributeGridAndWalkers(request(path, 3, total), stream, walkers, console);
+    const DistributedGrid copy = distribute(stream, path, 3, total);
     ASSERT_TRUE(copy.compressed() != nullptr);
     EXPECT_EQ(copy.plain(), nullptr);
     expectSameRock(*copy.compressed());
@@ -180,7 +159,7 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     const int size = mpi::size();
     const std::int32_t share = total / size;
     const std::int32_t expected = mpi::rank() == 0 ? share + total % size : share;
-    EXPECT_EQ(static_cast<std::int32_t>(walkers.size()), expected);
+    EXPECT_EQ(static_cast<std::int32_t>(walkers_.size()), expected);
     // The walkers are those of the one-at-a-time sorted placement from process 0's
     // stream, each process holding its run of them and process 0 the remainder too.
     const BlockKeyTables tables = makeBlockKeyTables(200, 200, 200);
@@ -195,21 +174,20 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     if (mpi::rank() == 0) {
         mine.insert(mine.end(), placed.begin() + size * share, placed.end());
     }
-    ASSERT_EQ(walkers.size(), mine.size());
+    ASSERT_EQ(walkers_.size(), mine.size());
     for (std::size_t i = 0; i < mine.size(); ++i) {
-        EXPECT_EQ(walkers[i].x, mine[i].x);
-        EXPECT_EQ(walkers[i].y, mine[i].y);
-        EXPECT_EQ(walkers[i].z, mine[i].z);
+        EXPECT_EQ(std::tie(walkers_[i].x, walkers_[i].y, walkers_[i].z),
+                  std::tie(mine[i].x, mine[i].y, mine[i].z));
     }
     // The grouped placement leaves process 0's stream where the plain one does.
     if (mpi::rank() == 0) {
         EXPECT_EQ(stream.next(), reference.next());
     }
-    for (const Walker& w : walkers)
+    for (const Walker& w : walkers_)
         EXPECT_EQ(copy.compressed()->at(std::uint32_t(w.x), std::uint32_t(w.y), std::uint32_t(w.z)),
                   Mineral::Pore);
     if (mpi::rank() == 0) {
-        EXPECT_NE(console.str().find("* Create walkers time: "), std::string::npos);
+        EXPECT_NE(console_.str().find("* Create walkers time: "), std::string::npos);
     }
 }
 
@@ -237,15 +215,12 @@ TEST_F(DistributionTest, FailuresEndEveryProcessWithAnEmptyGrid) {
         SCOPED_TRACE(c.name);
         std::string path = writeRock(c.edge, c.edge, c.edge, c.badCode);
         if (c.missing) path += ".absent";
-        DistributionRequest r = request(path, c.memoryMb, 50);
-        if (c.region) r.region = RegionOfInterest{0, 10, 0, 41, 0, 5, true};
         RandomStream stream(1u);
-        std::vector<Walker> walkers;
-        std::ostringstream console;
-        const DistributedGrid copy = distributeGridAndWalkers(r, stream, walkers, console);
-        EXPECT_FALSE(copy);
+        const RegionOfInterest region =
+            c.region ? RegionOfInterest{0, 10, 0, 41, 0, 5, true} : RegionOfInterest{};
+        EXPECT_FALSE(distribute(stream, path, c.memoryMb, 50, region));
         if (mpi::rank() == 0) {
-            EXPECT_NE(console.str().find(c.message), std::string::npos) << console.str();
+            EXPECT_NE(console_.str().find(c.message), std::string::npos) << console_.str();
         }
     }
 }

@@ -5,15 +5,6 @@
 namespace nmr {
 namespace {
 
-TEST(NuclearMagneticResonanceParameters, ConstructionValues) {
-    NuclearMagneticResonanceParameters p;
-    EXPECT_EQ(std::tuple(p.randomSeed(), p.t2Minimum(), p.t2Maximum(), p.t2Components(),
-                         p.numberOfWalkers(), p.stepLength()),
-              std::tuple(8008, 0.0001, 10000.0, 100, 0, 0.0));
-    EXPECT_TRUE(!p.saturationFile() && !p.secondFlag() && p.grid().empty() &&
-                p.bulkOilT2().empty() && p.regionOfInterest() == nullptr);
-}
-
 TEST(NuclearMagneticResonanceParameters, FieldContributionIsComputedOnceAndKept) {
     NuclearMagneticResonanceParameters p;
     p.setGyroMagneticRatio(2.0);

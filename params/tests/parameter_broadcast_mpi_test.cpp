@@ -2,14 +2,10 @@
 
 #include <sstream>
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 #include "mpi/message_passing.h"
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
+#include "testutil/temp_dir.h"
 
 namespace nmr {
 namespace {
@@ -74,18 +70,14 @@ TEST(ParameterBroadcast, EveryProcessHoldsTheSentFields) {
 
 // The YAML library's own errors are reported on process 0 and end the read everywhere.
 TEST(ParameterBroadcast, CollectiveReadReportsLibraryErrors) {
-    std::string path;
-    if (mpi::rank() == 0) {
-        path = std::filesystem::temp_directory_path() / ("nmr_" + std::to_string(getpid()));
-        std::ofstream(path) << "NuclearMagneticResonanceParameters: [unclosed\n";
-    }
-    mpi::broadcast(path, 0);
+    const test::SharedTempDir dir;
+    const std::string path = dir.file("nmr.yaml");
+    if (mpi::rank() == 0) test::writeFile(path, "NuclearMagneticResonanceParameters: [unclosed\n");
     std::ostringstream console;
     EXPECT_EQ(readParametersCollectively(mpi::rank(), mpi::size(), path, console), nullptr);
     if (mpi::rank() == 0) {
         EXPECT_TRUE(console.str().starts_with("An error occurred while reading the input file " +
                                               path + ": yaml-cpp: error at line 2"));
-        std::filesystem::remove(path);
     } else {
         EXPECT_TRUE(console.str().empty());
     }

@@ -5,6 +5,7 @@
 
 #include "common/exception.h"
 #include "grid/grid.h"
+#include "testutil/temp_dir.h"
 #include "tools/grid_export.h"
 #include "tools/pore_geometry.h"
 #include "tools/pore_statistics.h"
@@ -92,11 +93,11 @@ TEST(SpherePack, SeedDecidesTheRockAndSlicesDoNotDependOnCallOrder) {
 }
 
 TEST(WriteGeometry, FileHoldsTheGeometryWithMirroredMargins) {
-    testing::TempDir dir;
+    test::TempDir dir;
     const CylinderPore cylinder(9, 8, 2, 3.0, SolidMaterial{Mineral::Mica, 1.0});
     const PoreStatistics stats = writeGeometry(cylinder, dir.file("c.binc"), 2.5, {2, 1, 3});
     EXPECT_EQ(stats.cellCount(), 9u * 8 * 2);  // the interior only
-    const testing::GridFile file = testing::readGridFile(dir.file("c.binc"));
+    const test::GridFile file = test::readGridFile(dir.file("c.binc"));
     for (const char* line : {"nx = 13", "ny = 10", "nz = 8", "marginX = 2", "cellSize = 2.5"})
         EXPECT_TRUE(file.hasLine(line)) << line;
     ASSERT_EQ(file.cells.size(), 13u * 10 * 8);

@@ -6,13 +6,14 @@
 #include <fstream>
 
 #include "t2/decay_output.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 #include "tools/t2_summary.h"
-#include "tools/tests/test_support.h"
 
 namespace nmr::tools {
 namespace {
 
-using namespace testing;
+using namespace test;
 
 // The number after "label" in a tool's console output, or NaN.
 double printed(const std::string& output, const std::string& label) {
@@ -51,9 +52,9 @@ TEST(InvertCommand, RecoversBothPeaksOfATwoComponentDecay) {
     }
     for (const std::string name : {"two.csv", "four.txt"}) {
         for (auto f : {"T2inversion.out", "T2summary.json"}) std::filesystem::remove(dir.file(f));
-        const CommandResult r =
-            run({toolPath("nmrwalk-invert"), dir.file(name), "-o", dir.file("T2inversion.out")});
-        ASSERT_EQ(r.status, 0) << r.output;
+        const CommandResult r = runCommand(
+            {programPath("nmrwalk-invert"), dir.file(name), "-o", dir.file("T2inversion.out")});
+        ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
         const auto [fast, fastT2] = peak(dir.file("T2inversion.out"), 0.5, 20.0);
         const auto [slow, slowT2] = peak(dir.file("T2inversion.out"), 50.0, 1000.0);
         // Regularisation broadens and slightly shifts the peaks; areas within 0.05 and
@@ -63,7 +64,7 @@ TEST(InvertCommand, RecoversBothPeaksOfATwoComponentDecay) {
         EXPECT_NEAR(std::log(fastT2 / 3.0), 0.0, std::log(1.3)) << name;
         EXPECT_NEAR(std::log(slowT2 / 200.0), 0.0, std::log(1.3)) << name;
         EXPECT_NEAR(printed(r.output, "Bound fraction (T2 < cut-off): "), 0.4, 0.05);
-        EXPECT_GT(printed(readText(dir.file("T2summary.json")), "\"lambda\": "), 0.0);
+        EXPECT_GT(printed(readFile(dir.file("T2summary.json")), "\"lambda\": "), 0.0);
         if (name == "four.txt") {
             EXPECT_NEAR(printed(r.output, "Phase-rotated by "), 40.0, 0.5);
         }
@@ -79,12 +80,12 @@ TEST(InvertCommand, MalformedLinesAreNamedByNumber) {
         {"1 0.9\n1 0.8\n", "line 2"},
         {"# only a comment\n", "No data"}};
     for (const auto& [content, expected] : cases) {
-        writeBytes(dir.file("bad.txt"), content);
-        const CommandResult r =
-            run({toolPath("nmrwalk-invert"), dir.file("bad.txt"), "-o", dir.file("bad.out")});
-        EXPECT_EQ(r.status, 1) << content;
-        EXPECT_NE(r.output.find(expected), std::string::npos) << r.output;
-        EXPECT_NE(r.output.find("bad.txt"), std::string::npos) << r.output;
+        writeFile(dir.file("bad.txt"), content);
+        const CommandResult r = runCommand(
+            {programPath("nmrwalk-invert"), dir.file("bad.txt"), "-o", dir.file("bad.out")});
+        EXPECT_EQ(r.exitStatus, 1) << content;
+        EXPECT_NE(r.errorOutput.find(expected), std::string::npos) << r.errorOutput;
+        EXPECT_NE(r.errorOutput.find("bad.txt"), std::string::npos) << r.errorOutput;
     }
 }
 
@@ -102,13 +103,13 @@ protected:
         }
         ASSERT_TRUE(t2::writeColumns(grid, amplitudes, dir_.file("T2inversion.out")));
         ASSERT_TRUE(t2::writeColumns(t, m, dir_.file("T2decay.out")));
-        writeBytes(dir_.file("nmr.yaml"),
-                   "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n");
+        writeFile(dir_.file("nmr.yaml"),
+                  "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n");
     }
     CommandResult plot(std::vector<std::string> args) {
-        args.insert(args.begin(), {python_, toolPath("nmrwalk-plot")});
+        args.insert(args.begin(), {python_, programPath("nmrwalk-plot")});
         args.push_back(dir_.path().string());
-        return run(args);
+        return runCommand(args);
     }
     std::string python_ = NMR_PYTHON3;
     TempDir dir_;
@@ -125,8 +126,8 @@ TEST_F(PlotCommand, SummaryAgreesWithTheLibrary) {
     ASSERT_EQ(t2.size(), 60u);
     for (const char* cutoff : {"33", "3.3", "0.0101", "8500"}) {
         const CommandResult r = plot({"--summary-only", "--cutoff", cutoff});
-        ASSERT_EQ(r.status, 0) << r.output;
-        const std::string json = readText(dir_.file("T2summary.json"));
+        ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+        const std::string json = readFile(dir_.file("T2summary.json"));
         const T2Summary s = summariseT2(t2, a, std::stod(cutoff));
         for (const auto& [key, value] : {std::pair{"\"logMeanT2Ms\": ", s.logMeanT2},
                                          {"\"peakT2Ms\": ", s.peakT2},
@@ -138,16 +139,16 @@ TEST_F(PlotCommand, SummaryAgreesWithTheLibrary) {
     }
     std::filesystem::remove(dir_.file("T2inversion.out"));
     const CommandResult r = plot({"--summary-only"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.output.find("T2inversion.out"), std::string::npos) << r.output;
+    EXPECT_EQ(r.exitStatus, 1);
+    EXPECT_NE(r.errorOutput.find("T2inversion.out"), std::string::npos) << r.errorOutput;
 }
 
 TEST_F(PlotCommand, WritesAPngOfTheRequestedSize) {
-    if (run({python_, "-c", "import matplotlib"}).status != 0)
+    if (runCommand({python_, "-c", "import matplotlib"}).exitStatus != 0)
         GTEST_SKIP() << "matplotlib is not installed for " << python_;
     const CommandResult r = plot({"--size", "800x600", "-o", dir_.file("plot.png")});
-    ASSERT_EQ(r.status, 0) << r.output;
-    const std::string bytes = readText(dir_.file("plot.png"));
+    ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+    const std::string bytes = readFile(dir_.file("plot.png"));
     ASSERT_GT(bytes.size(), 24u);
     EXPECT_EQ(bytes.substr(1, 3), "PNG");
     const auto be32 = [&](std::size_t at) {

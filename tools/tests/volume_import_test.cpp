@@ -2,6 +2,9 @@
 #include <tiffio.h>
 
 #include "common/exception.h"
+#include "testutil/checks.h"
+#include "testutil/command.h"
+#include "testutil/temp_dir.h"
 #include "tools/grid_export.h"
 #include "tools/label_map.h"
 #include "tools/meta_image.h"
@@ -11,7 +14,7 @@
 namespace nmr::tools {
 namespace {
 
-using testing::TempDir;
+using test::TempDir;
 
 constexpr std::uint32_t kNx = 11, kNy = 7, kNz = 5;
 
@@ -71,28 +74,28 @@ std::unique_ptr<VolumeReader> openVolume(const std::string& path) {
 TEST(VolumeImport, RawMetaImageAndTiffGiveTheSameCells) {
     TempDir dir;
     const std::string map8 = "0=Pore,1=Quartz,2=Clay", map16 = "0=Pore, 1 = Quartz ,300=Clay";
-    testing::writeBytes(dir.file("v8.raw"), rawBytes(false));
-    testing::writeBytes(dir.file("v16be.raw"), rawBytes(true, true));
-    testing::writeBytes(dir.file("v16.raw"), "HEADER" + rawBytes(true));
-    testing::writeBytes(dir.file("v8.mhd"),
-                        "ObjectType = Image\nNDims = 3\nDimSize = 11 7 5\n"
-                        "ElementSpacing = 0.0025 0.0025 0.0025\n"
-                        "ElementType = MET_UCHAR\nElementDataFile = v8.raw\n");
-    testing::writeBytes(dir.file("v16.mhd"),
-                        "NDims = 3\nDimSize = 11 7 5\nHeaderSize = 6\n"
-                        "ElementType = MET_USHORT\nElementDataFile = v16.raw\n");
-    testing::writeBytes(dir.file("v16be.mhd"),
-                        "NDims = 3\nDimSize = 11 7 5\nBinaryDataByteOrderMSB = True\n"
-                        "ElementType = MET_SHORT\nElementDataFile = v16be.raw\n");
-    testing::writeBytes(dir.file("local.mha"),
-                        "NDims = 3\nDimSize = 11 7 5\nElementType = MET_CHAR\n"
-                        "ElementDataFile = LOCAL\n" +
-                            rawBytes(false));
+    test::writeFile(dir.file("v8.raw"), rawBytes(false));
+    test::writeFile(dir.file("v16be.raw"), rawBytes(true, true));
+    test::writeFile(dir.file("v16.raw"), "HEADER" + rawBytes(true));
+    test::writeFile(dir.file("v8.mhd"),
+                    "ObjectType = Image\nNDims = 3\nDimSize = 11 7 5\n"
+                    "ElementSpacing = 0.0025 0.0025 0.0025\n"
+                    "ElementType = MET_UCHAR\nElementDataFile = v8.raw\n");
+    test::writeFile(dir.file("v16.mhd"),
+                    "NDims = 3\nDimSize = 11 7 5\nHeaderSize = 6\n"
+                    "ElementType = MET_USHORT\nElementDataFile = v16.raw\n");
+    test::writeFile(dir.file("v16be.mhd"),
+                    "NDims = 3\nDimSize = 11 7 5\nBinaryDataByteOrderMSB = True\n"
+                    "ElementType = MET_SHORT\nElementDataFile = v16be.raw\n");
+    test::writeFile(dir.file("local.mha"),
+                    "NDims = 3\nDimSize = 11 7 5\nElementType = MET_CHAR\n"
+                    "ElementDataFile = LOCAL\n" +
+                        rawBytes(false));
     writeTiff(dir.file("v8.tif"), false);
     writeTiff(dir.file("v16.tif"), true);
 
     importVolume(*openVolume(dir.file("v8.raw")), LabelMap::parse(map8), dir.file("raw.binc"), 2.5);
-    const testing::GridFile reference = testing::readGridFile(dir.file("raw.binc"));
+    const test::GridFile reference = test::readGridFile(dir.file("raw.binc"));
     EXPECT_TRUE(reference.hasLine("nx = 11") && reference.hasLine("nz = 5"));
     ASSERT_EQ(reference.cells.size(), std::size_t{kNx} * kNy * kNz);
     const Mineral::Type minerals[] = {Mineral::Pore, Mineral::Quartz, Mineral::Clay};
@@ -109,21 +112,21 @@ TEST(VolumeImport, RawMetaImageAndTiffGiveTheSameCells) {
                                     {"v8.tif", map8},
                                     {"v16.tif", map16}}) {
         importVolume(*openVolume(dir.file(name)), LabelMap::parse(map), dir.file("out.binc"), 2.5);
-        EXPECT_EQ(testing::readGridFile(dir.file("out.binc")).bytes, reference.bytes) << name;
+        EXPECT_EQ(test::readGridFile(dir.file("out.binc")).bytes, reference.bytes) << name;
     }
     // The command takes the voxel size from ElementSpacing (mm) and refuses to guess one.
-    testing::CommandResult r =
-        testing::run({testing::toolPath("nmrwalk-import"), dir.file("v8.mhd"), "--labels", map8,
-                      "-o", dir.file("cmd.binc")});
-    ASSERT_EQ(r.status, 0) << r.output;
-    const testing::GridFile command = testing::readGridFile(dir.file("cmd.binc"));
+    test::CommandResult r =
+        test::runCommand({test::programPath("nmrwalk-import"), dir.file("v8.mhd"), "--labels", map8,
+                          "-o", dir.file("cmd.binc")});
+    ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+    const test::GridFile command = test::readGridFile(dir.file("cmd.binc"));
     EXPECT_TRUE(command.hasLine("cellSize = 2.5"));
     EXPECT_EQ(command.cells, reference.cells);
-    r = testing::run({testing::toolPath("nmrwalk-import"), dir.file("v8.raw"), "--size", "11x7x5",
-                      "--labels", map8, "-o", dir.file("guess.binc")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.output.find("--voxel-size"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("v8.raw"), std::string::npos) << r.output;
+    r = test::runCommand({test::programPath("nmrwalk-import"), dir.file("v8.raw"), "--size",
+                          "11x7x5", "--labels", map8, "-o", dir.file("guess.binc")});
+    EXPECT_EQ(r.exitStatus, 1);
+    EXPECT_NE(r.errorOutput.find("--voxel-size"), std::string::npos) << r.errorOutput;
+    EXPECT_NE(r.errorOutput.find("v8.raw"), std::string::npos) << r.errorOutput;
     EXPECT_FALSE(std::filesystem::exists(dir.file("guess.binc")));
 }
 
@@ -160,18 +163,15 @@ TEST(VolumeImport, ErrorsNameTheFileAndTheValue) {
         {"v.raw", {"twice", ": 0"}, "0=Pore,0=Clay"},
         {"v.raw", {": 70000"}, "70000=Pore"}};
     TempDir dir;
-    testing::writeBytes(dir.file("v.raw"), rawBytes(false));
+    test::writeFile(dir.file("v.raw"), rawBytes(false));
     writeTiff(dir.file("odd.tif"), false, 3);
     for (const Case& c : cases) {
-        std::string message = "no exception";
-        try {
+        const std::string message = test::thrownMessage([&] {
             std::string path = dir.file(c.source);
             if (c.source.find('\n') != std::string::npos)
-                testing::writeBytes(path = dir.file("h.mhd"), c.source);
+                test::writeFile(path = dir.file("h.mhd"), c.source);
             importVolume(*openVolume(path), LabelMap::parse(c.map), dir.file("out.binc"), 1.0);
-        } catch (const Exception& e) {
-            message = e.message();
-        }
+        });
         for (const auto& part : c.messageParts)
             EXPECT_NE(message.find(part), std::string::npos) << message;
         EXPECT_FALSE(std::filesystem::exists(dir.file("out.binc"))) << "output left behind";
