@@ -36,7 +36,6 @@ std::vector<Type> makeAllTypes() {
 
 }  // namespace
 
-
 int count() { return static_cast<int>(names().size()); }
 
 bool isValid(std::uint32_t code) { return code < static_cast<std::uint32_t>(count()); }

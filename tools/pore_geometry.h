@@ -118,7 +118,7 @@ private:
     std::pair<std::size_t, std::size_t> sliceRange(const std::vector<Sphere>& sorted,
                                                    std::uint32_t z) const;
 
-    SpherePackSettings pack_;  // the grains to drop and their coat
+    SpherePackSettings pack_;      // the grains to drop and their coat
     double maxReach_ = 0.0;        // largest radius + coating, voxels
     std::vector<Sphere> spheres_;  // the kept spheres, ordered by centre z
     double porosity_ = 1.0;
