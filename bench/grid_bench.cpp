@@ -82,7 +82,7 @@ void rasterise(const std::vector<Sphere>& spheres, std::uint32_t n, std::uint32_
 template <typename G>
 double randomReads(const G& grid, std::uint32_t n, std::size_t reads, std::uint64_t& sink) {
     std::mt19937_64 rng(5);
-    std::vector<std::uint32_t> coords(3 * 4096);
+    std::vector<std::uint32_t> coords(std::size_t{3} * 4096);
     double spent = 0.0;
     for (std::size_t done = 0; done < reads; done += 4096) {
         for (auto& c : coords) c = static_cast<std::uint32_t>(rng() % n);

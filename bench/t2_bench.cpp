@@ -76,6 +76,7 @@ Stages runOnce(const std::vector<double>& times, const std::vector<double>& valu
 int main() {
     const std::vector<double> times = intervalEndTimes();
     std::vector<double> values;
+    values.reserve(times.size());
     for (double t : times) {
         values.push_back(0.3 * std::exp(-t / 2.0) + 0.4 * std::exp(-t / 40.0) +
                          0.3 * std::exp(-t / 900.0));

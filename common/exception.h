@@ -29,7 +29,9 @@ private:
     std::unique_ptr<std::string> message_;
 };
 
-// Declares a subclass that only changes the dynamic type.
+// Declares a subclass that only changes the dynamic type. The arguments are class names,
+// which cannot be parenthesised.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define NMR_DECLARE_EXCEPTION(Name, Base)                                \
     class Name : public Base {                                           \
     public:                                                              \
@@ -37,6 +39,7 @@ private:
         std::string message() const override { return Base::message(); } \
         [[noreturn]] void raise() const override { throw *this; }        \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Opening, reading, parsing or writing a grid file failed.
 NMR_DECLARE_EXCEPTION(FileAccessException, Exception);

@@ -45,7 +45,7 @@ const std::string& scratchDir() {
 std::string scratchPath(const std::string& name) { return scratchDir() + "/" + name; }
 
 std::string writeScratch(const std::string& name, const std::uint8_t* data, std::size_t size) {
-    const std::string path = scratchPath(name);
+    std::string path = scratchPath(name);
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     out.close();

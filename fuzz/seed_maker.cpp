@@ -62,7 +62,8 @@ void writeGridFile(const std::string& path, std::uint32_t nx, std::uint32_t ny, 
                    std::uint32_t margin) {
     GrainBedGridWriter writer(path, nx, ny, nz, margin, margin, margin, 2.5);
     const auto records = cells(nx * ny * nz);
-    for (std::uint32_t z = 0; z < nz; ++z) writer.writeSlice(records.data() + z * nx * ny);
+    for (std::uint32_t z = 0; z < nz; ++z)
+        writer.writeSlice(records.data() + std::size_t{z} * nx * ny);
     writer.close();
 }
 

@@ -126,8 +126,9 @@ public:
         zero_ = true;
         dirty_ = false;
     }
-    // Takes compressed bytes made by another copy of the same block.
-    void install(std::vector<char> bytes) {
+    // Takes compressed bytes made by another copy of the same block. By value: the bytes
+    // are moved on into the packed store.
+    void install(std::vector<char> bytes) {  // NOLINT(performance-unnecessary-value-param)
         cells_.reset();
         dirty_ = false;
         zero_ = bytes.empty();

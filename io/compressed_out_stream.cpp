@@ -8,8 +8,8 @@ namespace nmr {
 
 namespace {
 // Large enough that a slice row costs one memcpy and deflate runs on big spans.
-constexpr std::size_t kInputBufferBytes = 256 * 1024;
-constexpr std::size_t kOutputBufferBytes = 256 * 1024;
+constexpr std::size_t kInputBufferBytes = std::size_t{256} * 1024;
+constexpr std::size_t kOutputBufferBytes = std::size_t{256} * 1024;
 // Gzip's "unknown" operating system code keeps the header independent of the build host.
 constexpr int kOsUnknown = 255;
 }  // namespace

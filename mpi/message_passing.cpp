@@ -29,7 +29,7 @@ void broadcast(bool& value, int root) {
 
 void broadcast(std::string& text, int root) {
     std::uint32_t length = static_cast<std::uint32_t>(text.size());
-    MPI_Bcast(&length, 1, MPI_UNSIGNED, root, world());
+    MPI_Bcast(&length, 1, MPI_UINT32_T, root, world());
     text.resize(length);
     MPI_Bcast(length ? text.data() : nullptr, static_cast<int>(length), MPI_CHAR, root, world());
 }

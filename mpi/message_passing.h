@@ -80,7 +80,7 @@ void broadcast(T* data, int count, int root, MPI_Comm comm = world()) {
 template <typename T>
 void broadcast(std::vector<T>& values, int root) {
     std::uint32_t length = static_cast<std::uint32_t>(values.size());
-    MPI_Bcast(&length, 1, MPI_UNSIGNED, root, world());
+    MPI_Bcast(&length, 1, MPI_UINT32_T, root, world());
     values.resize(length);
     MPI_Bcast(length ? values.data() : nullptr, static_cast<int>(length), datatype<T>(), root,
               world());

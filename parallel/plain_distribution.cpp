@@ -15,7 +15,7 @@ namespace nmr::distribution {
 
 namespace {
 
-constexpr std::uint64_t kMib = 1024 * 1024;
+constexpr std::uint64_t kMib = std::uint64_t{1024} * 1024;
 // Largest piece of a slice in one broadcast: element counts are ints, and a slice of a
 // grid with 16-bit sides may hold up to 2^32 cells.
 constexpr std::uint64_t kLargestBroadcast = std::uint64_t{1} << 30;

@@ -98,8 +98,8 @@ public:
     MineralValueMap<double>& surfaceRelaxationStrengthWater() {
         return surfaceRelaxationStrengthWater_;
     }
-    void setSurfaceRelaxationStrengthWater(MineralValueMap<double> value) {
-        surfaceRelaxationStrengthWater_ = std::move(value);
+    void setSurfaceRelaxationStrengthWater(const MineralValueMap<double>& value) {
+        surfaceRelaxationStrengthWater_ = value;
     }
 
     const MineralValueMap<double>& surfaceRelaxationStrengthOil() const {
@@ -108,8 +108,8 @@ public:
     MineralValueMap<double>& surfaceRelaxationStrengthOil() {
         return surfaceRelaxationStrengthOil_;
     }
-    void setSurfaceRelaxationStrengthOil(MineralValueMap<double> value) {
-        surfaceRelaxationStrengthOil_ = std::move(value);
+    void setSurfaceRelaxationStrengthOil(const MineralValueMap<double>& value) {
+        surfaceRelaxationStrengthOil_ = value;
     }
 
     // May be null. Its enabled flag is the file's subsampleCalculation.

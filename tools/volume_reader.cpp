@@ -56,7 +56,11 @@ void decodeVoxels(const unsigned char* bytes, std::size_t count, VoxelType type,
             for (std::size_t i = 0; i < count; ++i) labels[i] = bytes[i];
             break;
         case VoxelType::Int8:
-            for (std::size_t i = 0; i < count; ++i) labels[i] = static_cast<std::int8_t>(bytes[i]);
+            // Signed on purpose: an 8-bit signed volume keeps its negative labels.
+            for (std::size_t i = 0; i < count; ++i) {
+                labels[i] =
+                    static_cast<std::int8_t>(bytes[i]);  // NOLINT(bugprone-signed-char-misuse)
+            }
             break;
         case VoxelType::UInt16:
         case VoxelType::Int16: {

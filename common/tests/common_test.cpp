@@ -71,6 +71,7 @@ TEST_F(LogCoreTest, ThresholdFiltersByLevelAndRecordsCarryTheirTimestamp) {
 TEST_F(LogCoreTest, ConcurrentRecordsDoNotInterleave) {
     LogCore::instance().setThreshold(LogLevel::Info);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             const char names[][3] = {"t0", "t1", "t2", "t3"};

@@ -184,6 +184,7 @@ TEST(MeasuredWindow, PointsInsideTheSimulationAreComparedAtAFreeScale) {
     // the same curve at a third of the amplitude, plus points outside the simulation.
     const std::vector<double> times = {1, 2, 4, 8, 16};
     std::vector<double> simulated;
+    simulated.reserve(times.size());
     for (double t : times) simulated.push_back(5.0 - std::log(t));
     MeasuredDecay measured;
     for (double t : {0.5, 1.0, 1.5, 3.0, 7.0, 16.0, 20.0}) {

@@ -50,14 +50,14 @@ TEST_F(GridFileTest, WholeGridAndSliceWriterGiveTheSameExactFile) {
         expectedHeader += "mineral = " + std::to_string(m) + ":" + Mineral::name(m) + "\n";
     }
     expectedHeader += "cells\n";
-    ASSERT_EQ(content.size(), expectedHeader.size() + 60 * 4);
+    ASSERT_EQ(content.size(), expectedHeader.size() + std::size_t{60} * 4);
     EXPECT_EQ(content.substr(0, expectedHeader.size()), expectedHeader);
     EXPECT_NE(expectedHeader.find("mineral = 2:Quartz cement\n"), std::string::npos);
 
     // Records: little-endian words, x fastest.
     const char* records = content.data() + expectedHeader.size();
     for (std::uint32_t i = 0; i < 60; ++i) {
-        const auto* b = reinterpret_cast<const unsigned char*>(records + 4 * i);
+        const auto* b = reinterpret_cast<const unsigned char*>(records + std::size_t{4} * i);
         const std::uint32_t word = b[0] | b[1] << 8 | b[2] << 16 | std::uint32_t{b[3]} << 24;
         ASSERT_EQ(word, grid.at(i % 5, (i / 5) % 4, i / 20).word) << i;
     }

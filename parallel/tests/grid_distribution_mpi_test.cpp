@@ -43,7 +43,7 @@ protected:
     }
     std::string writeRock(std::uint32_t nx, std::uint32_t ny, std::uint32_t nz,
                           std::uint32_t badCode = 0) {
-        const std::string path = dir_.file("rock.binc");
+        std::string path = dir_.file("rock.binc");
         if (mpi::rank() == 0) {
             GrainBedGridWriter writer(path, nx, ny, nz, 0, 0, 0, 2.0);
             std::vector<GrainBedGridCell> slice(static_cast<std::size_t>(nx) * ny);
@@ -169,10 +169,10 @@ TEST_F(DistributionTest, CompressedModeSendsBlocksAndScattersSortedWalkers) {
     RandomStream reference(77u);
     std::vector<Walker> placed;
     createWalkersSorted(reference, makeWalkGridView(*plain), total, placed, tables);
-    std::vector<Walker> mine(placed.begin() + mpi::rank() * share,
-                             placed.begin() + (mpi::rank() + 1) * share);
+    const std::ptrdiff_t begin = std::ptrdiff_t{mpi::rank()} * share;
+    std::vector<Walker> mine(placed.begin() + begin, placed.begin() + begin + share);
     if (mpi::rank() == 0) {
-        mine.insert(mine.end(), placed.begin() + size * share, placed.end());
+        mine.insert(mine.end(), placed.begin() + std::ptrdiff_t{size} * share, placed.end());
     }
     ASSERT_EQ(walkers_.size(), mine.size());
     for (std::size_t i = 0; i < mine.size(); ++i) {

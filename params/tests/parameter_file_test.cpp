@@ -34,7 +34,8 @@ const std::string kValid = R"(NuclearMagneticResonanceParameters:
 )";
 
 // text with key's line replaced by "key: value", or removed when value is empty.
-std::string with(const std::string& key, const std::string& value, std::string text = kValid) {
+std::string with(const std::string& key, const std::string& value,
+                 const std::string& text = kValid) {
     return std::regex_replace(text, std::regex("  " + key + ": .*\n"),
                               value.empty() ? "" : "  " + key + ": " + value + "\n");
 }
@@ -74,7 +75,7 @@ TEST_F(ParameterFile, ReportsFailures) {
     EXPECT_THROW_MSG(readParameters(""), Exception, "Path to input file is empty");
     EXPECT_THROW_MSG(readParameters(path_), Exception, "Could not open file: " + path_);
     const std::string region = "regionOfInterest", bad = "Invalid region of interest in ";
-    for (const auto& [text, expected] : std::initializer_list<std::pair<std::string, std::string>>{
+    for (const auto& [file, expected] : std::initializer_list<std::pair<std::string, std::string>>{
              // Byte order decides, not reading order: bulkOilT2 is named although read later.
              {with("gyroMagneticRatio", "", with("bulkOilT2", "")),
               "bulkOilT2 parameter is missing. Tag: 'bulkOilT2'."},
@@ -84,16 +85,17 @@ TEST_F(ParameterFile, ReportsFailures) {
              {with(region, "{x: [0, 1], y: [0, 1], z: [4, 4]}"), bad + "z direction."},
              {"NuclearMagneticResonanceParameters: 5\n", path_ + " does not contain a yaml map."},
              {"just words\n", path_ + " does not have the correct yaml format."}}) {
+        const std::string& text = file;  // a lambda inside the check cannot capture a binding
         EXPECT_THROW_MSG(read(text), Exception, expected);
     }
     // Malformed values are the YAML library's own errors, with the line of the offending node.
-    for (const auto& [text, expected] : std::initializer_list<std::pair<std::string, std::string>>{
+    for (const auto& [file, expected] : std::initializer_list<std::pair<std::string, std::string>>{
              {with("stepLength", "long"), "yaml-cpp: error at line 17"},
              {with("surfaceRelaxationStrengthWater", "{'Quartz ': 1}"),
               "yaml-cpp: error at line 12, column 36: Unknown mineral: Quartz "},
              {with(region, "{x: [0, 1], y: [0, 1]}"), "yaml-cpp: error at line 19"}}) {
         try {
-            read(text);
+            read(file);
             ADD_FAILURE() << "accepted; expected " << expected;
         } catch (const std::exception& e) {
             EXPECT_TRUE(std::string(e.what()).starts_with(expected)) << e.what();
