@@ -220,7 +220,7 @@ bool isBinaryGridFile(const std::string& fileName) {
 
 std::string prepareGridFile(const std::string& fileName, LoggerBase& logger) {
     if (isBinaryGridFile(fileName)) return fileName;
-    const std::string converted = fileName + ".binc";
+    std::string converted = fileName + ".binc";
     convertMineralGridText(fileName, converted, logger);
     return converted;
 }
@@ -348,6 +348,7 @@ std::shared_ptr<ByteMineralGrid> buildByteMineralGrid(const MineralVolume& volum
     header.nx = static_cast<std::uint16_t>(volume.nx);
     header.ny = static_cast<std::uint16_t>(volume.ny);
     header.nz = static_cast<std::uint16_t>(volume.nz);
+    header.marginX = header.marginY = header.marginZ = 0;
     header.cellSize = volume.cellSize;
     const GridLoadGeometry g = computeGridLoadGeometry(header, options);
     for (std::uint16_t s : g.size) {

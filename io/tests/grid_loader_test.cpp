@@ -95,6 +95,33 @@ INSTANTIATE_TEST_SUITE_P(Cases, PlacementTest, ::testing::Values(
     [](const auto& p) { return p.param.name; });
 // clang-format on
 
+// A rock handed over in memory is the rock of a file with the same cells: same sizes,
+// cells and counters, whole or cut to a region.
+TEST_F(LoaderTest, RockBuiltInMemoryEqualsTheSameRockLoadedFromAFile) {
+    const Cell n{7, 5, 6};
+    const std::string file = writeGrid("g.binc", n, 0);
+    const MineralVolume volume{
+        n[0], n[1], n[2], 2.5, [&](std::uint32_t z, std::uint8_t* codes) {
+            for (std::uint32_t y = 0; y < n[1]; ++y)
+                for (std::uint32_t x = 0; x < n[0]; ++x)
+                    *codes++ = static_cast<std::uint8_t>(fileCode({x, y, z}));
+        }};
+    for (const GridLoadOptions& options : {load(), load({1, 6, 0, 4, 2, 5, true})}) {
+        const auto loaded = loadByteMineralGrid(file, options, log_, progress_);
+        const auto built = buildByteMineralGrid(volume, options);
+        ASSERT_EQ((Cell{built->nx(), built->ny(), built->nz()}),
+                  (Cell{loaded->nx(), loaded->ny(), loaded->nz()}));
+        EXPECT_EQ((Cell{built->marginX(), built->marginY(), built->marginZ()}), (Cell{0, 0, 0}));
+        EXPECT_EQ(built->counters(), loaded->counters());
+        for (std::uint32_t z = 0; z < built->nz(); ++z)
+            for (std::uint32_t y = 0; y < built->ny(); ++y)
+                for (std::uint32_t x = 0; x < built->nx(); ++x)
+                    ASSERT_EQ(built->at(x, y, z), loaded->at(x, y, z)) << x << " " << y << " " << z;
+    }
+    EXPECT_THROW_MSG(buildByteMineralGrid({0, 5, 6, 2.5, volume.slice}, load()), Exception,
+                     "Grid sides must lie between 1 and 32767 cells: 0 x 5 x 6");
+}
+
 TEST_F(LoaderTest, TextGridIsConvertedNextToItAndLoaded) {
     writeFile(path("grid.txt"), "x\ny\n2 2 1\n0 3 0 1 0 1\n0 1\n2 3\n");
     auto grid = loadSlicedGrid(path("grid.txt"), {}, log_, progress_);
@@ -212,7 +239,8 @@ TEST_F(LoaderTest, RecordsBeyondWhatTheFileCanHoldFailBeforeTheGridIsMade) {
     // The bound is the file's worst-case expansion, not its actual content: a file that
     // compresses extremely well still loads.
     const std::uint32_t n = 100;
-    writeGzip(file, gridFileContent(n, n, n, 0, std::vector<std::uint32_t>(n * n * n, 3)));
+    writeGzip(file,
+              gridFileContent(n, n, n, 0, std::vector<std::uint32_t>(std::size_t{n} * n * n, 3)));
     EXPECT_EQ(loadByteMineralGrid(file, {}, log_, progress_)->counters()[3],
               std::uint64_t{n} * n * n);
 }
