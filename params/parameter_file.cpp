@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "common/exception.h"
@@ -218,18 +219,37 @@ YAML::Node encode(const Record& record) {
 
 std::unique_ptr<Record> readParameters(const std::string& path) {
     if (path.empty()) throw Exception("Path to input file is empty");
-    if (!std::ifstream(path)) throw Exception("Could not open file: " + path);
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Exception("Could not open file: " + path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return parseParameters(text.str(), path);
+}
+
+std::unique_ptr<Record> parseParameters(const std::string& text, const std::string& origin) {
     try {
-        const YAML::Node document = YAML::LoadFile(path);
+        const YAML::Node document = YAML::Load(text);
         const YAML::Node node = document[kRootKey];
-        if (!node || !node.IsMap()) throw Exception(path + " does not contain a yaml map.");
+        if (!node || !node.IsMap()) throw Exception(origin + " does not contain a yaml map.");
         auto record = std::make_unique<Record>();
         fill(node, *record);
         return record;
     } catch (const YAML::BadSubscript&) {
         // Indexing a scalar where a map was expected, e.g. a document that is one plain word.
-        throw Exception(path + " does not have the correct yaml format.");
+        throw Exception(origin + " does not have the correct yaml format.");
     }
+}
+
+std::string parameterRootKey() { return kRootKey; }
+
+const std::set<std::string>& parameterKeys() {
+    static const std::set<std::string> keys = [] {
+        std::set<std::string> all{"waterSaturation", "t2Components", "checkpointInterval",
+                                  "t2Minimum", "t2Maximum"};
+        for (const auto& entry : requiredKeys()) all.insert(entry.first);
+        return all;
+    }();
+    return keys;
 }
 
 std::string encodeParameters(const Record& parameters) {
@@ -295,10 +315,10 @@ Record templateParameters() {
         water.set(code, 1.6e-05);
         oil.set(code, 1.6e-15);
     }
-    record.setSurfaceRelaxationStrengthWater(std::move(water));
+    record.setSurfaceRelaxationStrengthWater(water);
     record.setBulkOilT2({1.4556, 1.1174, 1.0189});
     record.setIntensityT2({0.0, 0.42, 0.16});
-    record.setSurfaceRelaxationStrengthOil(std::move(oil));
+    record.setSurfaceRelaxationStrengthOil(oil);
     record.setNumberOfWalkers(300000);
     record.setStepLength(0.5);
     record.setRandomSeed(8008);

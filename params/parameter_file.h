@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,15 @@ namespace nmr {
 // surface as the YAML library's own exceptions, which derive from std::exception and
 // carry the line and column of the offending node. No partial record survives either.
 std::unique_ptr<NuclearMagneticResonanceParameters> readParameters(const std::string& path);
+
+// The same for the text of a parameter file; `origin` stands for the path in messages.
+std::unique_ptr<NuclearMagneticResonanceParameters> parseParameters(const std::string& text,
+                                                                    const std::string& origin);
+
+// The key of the root map ("NuclearMagneticResonanceParameters").
+std::string parameterRootKey();
+// Every key the settings map may hold, required or optional; the reader ignores others.
+const std::set<std::string>& parameterKeys();
 
 // The file text for a record: the root map with the settings in the order of the template.
 // echoSpacing is written divided by 1000000.0 while the reader stores what it reads; the

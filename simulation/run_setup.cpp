@@ -1,5 +1,7 @@
 #include "simulation/run_setup.h"
 
+#include "parallel/distribution_steps.h"
+
 namespace nmr {
 
 DistributionRequest distributionRequest(const NuclearMagneticResonanceParameters& parameters,
@@ -16,6 +18,10 @@ DistributionRequest distributionRequest(const NuclearMagneticResonanceParameters
     request.memoryLimitMb = memoryLimitMb;
     request.numberOfWalkers = parameters.numberOfWalkers();
     return request;
+}
+
+GridLoadOptions runLoadOptions(const NuclearMagneticResonanceParameters& parameters) {
+    return distribution::loadOptions(distributionRequest(parameters, 0, 1));
 }
 
 }  // namespace nmr

@@ -1,0 +1,335 @@
+// The compiled half of the nmrwalk Python package; nmrwalk/__init__.py holds the public
+// functions and their documentation and calls these.
+#include <mpi.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <yaml-cpp/yaml.h>
+
+#include <cerrno>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/exception.h"
+#include "common/logger.h"
+#include "common/progress_reporter.h"
+#include "io/grain_bed_grid_writer.h"
+#include "io/grid_loader.h"
+#include "params/parameter_file.h"
+#include "python/label_volume.h"
+#include "simulation/local_run.h"
+#include "simulation/run_setup.h"
+#include "t2/t2_inversion.h"
+#include "tools/t2_summary.h"
+
+namespace py = pybind11;
+
+namespace nmr::python {
+
+namespace {
+
+using Parameters = NuclearMagneticResonanceParameters;
+
+// MPI is started here when nobody has (a plain interpreter: singleton mode) and finished at
+// the interpreter's exit, only then. When mpi4py or a host program started it, it is theirs
+// to finish. Every run inside the module uses MPI_COMM_SELF only.
+void ensureMpi() {
+    int finalized = 0;
+    MPI_Finalized(&finalized);
+    if (finalized) throw std::runtime_error("MPI was already finalised in this process");
+    int initialised = 0;
+    MPI_Initialized(&initialised);
+    if (initialised) return;
+    int provided = 0;
+    MPI_Init_thread(nullptr, nullptr, MPI_THREAD_SERIALIZED, &provided);
+    py::module_::import("atexit").attr("register")(py::cpp_function([] {
+        int done = 0;
+        MPI_Finalized(&done);
+        if (!done) MPI_Finalize();
+    }));
+}
+
+std::vector<double> listOf(const py::array_t<double, py::array::forcecast>& values,
+                           const char* name) {
+    if (values.ndim() != 1) throw std::invalid_argument(std::string(name) + " must be 1-D");
+    const auto view = values.unchecked<1>();
+    std::vector<double> out(static_cast<std::size_t>(view.shape(0)));
+    for (py::ssize_t i = 0; i < view.shape(0); ++i) out[static_cast<std::size_t>(i)] = view(i);
+    return out;
+}
+
+// Arrays that own a copy, so nothing returned points into a C++ object.
+py::array_t<double> arrayOf(const std::vector<double>& values) {
+    py::array_t<double> out(static_cast<py::ssize_t>(values.size()));
+    std::copy(values.begin(), values.end(), out.mutable_data());
+    return out;
+}
+
+// The settings of nmrwalk -p with `overrides` (a YAML map of settings) in place. A key a
+// parameter file cannot hold raises KeyError: a misspelt key would otherwise be ignored
+// and the run would quietly use the template's value.
+std::unique_ptr<Parameters> parametersWith(const YAML::Node& overrides, const std::string& origin) {
+    YAML::Node document = YAML::Load(encodeParameters(templateParameters()));
+    YAML::Node settings = document[parameterRootKey()];
+    if (overrides && !overrides.IsNull()) {
+        if (!overrides.IsMap()) throw Exception(origin + " does not contain a yaml map.");
+        for (const auto& entry : overrides) {
+            const auto key = entry.first.as<std::string>();
+            if (parameterKeys().count(key) == 0) throw py::key_error(key);
+            settings[key] = entry.second;
+        }
+    }
+    return parseParameters(YAML::Dump(document), origin);
+}
+
+// FileNotFoundError, as open() would raise it, for a path that is not there.
+void requireFile(const std::string& path) {
+    if (std::filesystem::exists(path)) return;
+    errno = ENOENT;
+    PyErr_SetFromErrnoWithFilename(PyExc_FileNotFoundError, path.c_str());
+    throw py::error_already_set();
+}
+
+std::unique_ptr<Parameters> parametersFromFile(const std::string& path) {
+    requireFile(path);
+    const YAML::Node document = YAML::LoadFile(path);
+    if (!document.IsMap() || !document[parameterRootKey()]) {
+        throw Exception(path + " does not contain a yaml map.");
+    }
+    return parametersWith(document[parameterRootKey()], path);
+}
+
+py::dict t2SummaryOf(const std::vector<double>& t2, const std::vector<double>& amplitude) {
+    py::dict out;
+    for (const auto& [name, value] : tools::summaryEntries(tools::summariseT2(t2, amplitude)))
+        out[py::str(name)] = value;
+    return out;
+}
+
+py::dict summaryOf(const LocalRun& run) {
+    py::dict out;
+    for (const RockSummaryEntry& entry : run.summaryEntries) {
+        std::visit(
+            [&](const auto& value) {
+                using V = std::decay_t<decltype(value)>;
+                if constexpr (std::is_same_v<V, std::array<std::uint32_t, 3>>) {
+                    out[py::str(entry.label)] = py::make_tuple(value[0], value[1], value[2]);
+                } else {
+                    out[py::str(entry.label)] = value;
+                }
+            },
+            entry.value);
+    }
+    const t2::T2Distribution& d = run.results.distribution;
+    for (const auto& [name, value] : t2SummaryOf(d.t2, d.amplitude)) out[name] = value;
+    return out;
+}
+
+// Polls of a walk in progress, with the GIL released in between: Ctrl-C (or an exception
+// of the progress callback) stops the walk at the next poll and is raised once the walk
+// has let go.
+class WalkPolls {
+public:
+    explicit WalkPolls(py::object progress) : progress_(std::move(progress)) {}
+
+    bool operator()(std::uint32_t done, std::uint32_t total) {
+        py::gil_scoped_acquire gil;
+        try {
+            if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+            if (!progress_.is_none()) progress_(done, total);
+            return true;
+        } catch (py::error_already_set& error) {
+            pending_ = std::move(error);
+            return false;
+        }
+    }
+    void raisePending() {
+        if (pending_) throw std::move(*pending_);
+    }
+
+private:
+    py::object progress_;
+    std::optional<py::error_already_set> pending_;
+};
+
+// A label volume with its cell size and the codes of its labels, as simulate() and
+// write_grid() take them.
+struct LabelledRock {
+    LabelVolume volume;
+    LabelCodes codes;
+};
+
+LabelledRock labelledRock(py::array labels, double cellSize, const py::object& minerals) {
+    LabelVolume volume(std::move(labels));
+    if (!(cellSize > 0.0) || !std::isfinite(cellSize)) {
+        throw std::invalid_argument("cell_size_um must be a positive number of micrometres; got " +
+                                    std::to_string(cellSize));
+    }
+    return {std::move(volume), minerals.is_none() ? LabelCodes() : LabelCodes(minerals)};
+}
+
+py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
+                  const py::object& path, const std::string& overrides, const py::object& seed,
+                  const py::object& progress) {
+    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
+    const LabelVolume& volume = rock.volume;
+    const LabelCodes& codes = rock.codes;
+
+    std::unique_ptr<Parameters> parameters;
+    if (path.is_none()) {
+        YAML::Node settings = YAML::Load(overrides);
+        if (!seed.is_none()) settings["randomSeed"] = seed.cast<std::int32_t>();
+        parameters = parametersWith(settings, "params");
+    } else {
+        parameters = parametersFromFile(path.cast<std::string>());
+        if (!seed.is_none()) parameters->setRandomSeed(seed.cast<std::int32_t>());
+    }
+    if (parameters->numberOfWalkers() <= 0) {
+        throw std::invalid_argument("numberOfWalkers must be positive; got " +
+                                    std::to_string(parameters->numberOfWalkers()));
+    }
+    ensureMpi();
+
+    const MineralVolume cells{
+        volume.nx(), volume.ny(), volume.nz(), cellSize,
+        [&](std::uint32_t z, std::uint8_t* out) { volume.sliceCodes(z, codes, out); }};
+    const GridLoadOptions options = runLoadOptions(*parameters);
+    WalkPolls polls(progress);
+    std::optional<LocalRun> run;
+    {
+        py::gil_scoped_release released;
+        // One walk at a time in a process: MPI was asked for serialised calls only.
+        static std::mutex walking;
+        const std::lock_guard<std::mutex> one(walking);
+        run = runLocally(*parameters, buildByteMineralGrid(cells, options), std::ref(polls));
+    }
+    if (!run) polls.raisePending();
+
+    py::dict out;
+    out["time_ms"] = arrayOf(run->results.decay.times);
+    out["amplitude"] = arrayOf(run->results.decay.values);
+    out["t2_ms"] = arrayOf(run->results.distribution.t2);
+    out["distribution"] = arrayOf(run->results.distribution.amplitude);
+    out["lambda_"] = run->results.distribution.lambda;
+    out["summary"] = summaryOf(*run);
+    out["walk_seconds"] = run->walkSeconds;
+    out["warnings"] = meaninglessParameterWarnings(*parameters);
+    return out;
+}
+
+py::tuple invert(const py::array_t<double, py::array::forcecast>& times,
+                 const py::array_t<double, py::array::forcecast>& amplitude, double t2Min,
+                 double t2Max, std::int32_t components) {
+    const std::vector<double> t = listOf(times, "time_ms");
+    const std::vector<double> a = listOf(amplitude, "amplitude");
+    if (t.size() != a.size()) {
+        throw std::invalid_argument("time_ms and amplitude differ in length: " +
+                                    std::to_string(t.size()) + " and " + std::to_string(a.size()));
+    }
+    if (t.empty()) throw std::invalid_argument("the decay has no points");
+    if (!(t2Min > 0.0) || !(t2Max > t2Min)) {
+        throw std::invalid_argument("the T2 axis needs 0 < t2_min < t2_max; got " +
+                                    std::to_string(t2Min) + " and " + std::to_string(t2Max));
+    }
+    if (components < 10 || components > 500) {
+        throw std::invalid_argument("components must lie between 10 and 500, as in a run; got " +
+                                    std::to_string(components));
+    }
+    t2::T2Distribution d;
+    {
+        py::gil_scoped_release released;
+        d = t2::invertDecay(t, a, t2Min, t2Max, components);
+    }
+    return py::make_tuple(arrayOf(d.t2), arrayOf(d.amplitude), d.lambda);
+}
+
+// The interior cells of a grid file (its margins cut off, as a run does), codes [z, y, x].
+py::tuple readGrid(const std::string& path) {
+    requireFile(path);
+    NullLogger quiet;
+    NullProgressReporter progress;
+    std::shared_ptr<ByteMineralGrid> grid;
+    {
+        py::gil_scoped_release released;
+        grid =
+            loadByteMineralGrid(prepareGridFile(path, quiet), GridLoadOptions{}, quiet, progress);
+    }
+    const std::uint32_t nx = grid->nx(), ny = grid->ny(), nz = grid->nz();
+    py::array_t<std::uint8_t> codes(
+        {static_cast<py::ssize_t>(nz), static_cast<py::ssize_t>(ny), static_cast<py::ssize_t>(nx)});
+    auto out = codes.mutable_unchecked<3>();
+    for (std::uint32_t z = 0; z < nz; ++z)
+        for (std::uint32_t y = 0; y < ny; ++y)
+            for (std::uint32_t x = 0; x < nx; ++x) out(z, y, x) = grid->at(x, y, z);
+    return py::make_tuple(codes, grid->cellSize());
+}
+
+// A grain bed grid file of the labels' minerals, without margins; a failed write leaves
+// no file behind.
+void writeGrid(const std::string& path, py::array labels, double cellSize,
+               const py::object& minerals) {
+    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
+    const LabelVolume& volume = rock.volume;
+    const LabelCodes& codes = rock.codes;
+    py::gil_scoped_release released;
+    try {
+        GrainBedGridWriter writer(path, volume.nx(), volume.ny(), volume.nz(), 0, 0, 0, cellSize);
+        const std::size_t n = static_cast<std::size_t>(volume.nx()) * volume.ny();
+        std::vector<std::uint8_t> slice(n);
+        std::vector<GrainBedGridCell> cells(n);
+        for (std::uint32_t z = 0; z < volume.nz(); ++z) {
+            volume.sliceCodes(z, codes, slice.data());
+            for (std::size_t i = 0; i < n; ++i) cells[i] = GrainBedGridCell::make(0, slice[i]);
+            writer.writeSlice(cells.data());
+        }
+        writer.close();
+    } catch (...) {
+        std::error_code ignored;
+        std::filesystem::remove(path, ignored);
+        throw;
+    }
+}
+
+}  // namespace
+
+}  // namespace nmr::python
+
+PYBIND11_MODULE(_nmrwalk, m) {
+    using namespace nmr::python;
+    m.doc() = "Compiled core of the nmrwalk package; use the functions of nmrwalk itself.";
+    static py::exception<nmr::Exception> error(m, "Error", PyExc_RuntimeError);
+    // By value: pybind11 takes a plain function of an exception_ptr.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param)
+    py::register_exception_translator([](std::exception_ptr thrown) {
+        try {
+            if (thrown) std::rethrow_exception(thrown);
+        } catch (const nmr::Exception& e) {
+            PyErr_SetString(error.ptr(), e.message().c_str());
+        } catch (const YAML::Exception& e) {
+            // A value of the wrong type or a malformed file, with its line and column.
+            PyErr_SetString(PyExc_ValueError, e.what());
+        }
+    });
+    m.def("simulate", &simulate, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
+          py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("progress"));
+    m.def("invert", &invert, py::arg("time_ms"), py::arg("amplitude"), py::arg("t2_min"),
+          py::arg("t2_max"), py::arg("components"));
+    m.def("read_grid", &readGrid, py::arg("path"));
+    m.def("write_grid", &writeGrid, py::arg("path"), py::arg("labels"), py::arg("cell_size_um"),
+          py::arg("minerals"));
+    m.def("minerals", [] {
+        std::vector<std::pair<std::string, int>> table;
+        for (nmr::Mineral::Type code : nmr::Mineral::allTypes())
+            table.emplace_back(nmr::Mineral::name(code), static_cast<int>(code));
+        return table;
+    });
+    m.def("parameter_keys", [] {
+        return std::vector<std::string>(nmr::parameterKeys().begin(), nmr::parameterKeys().end());
+    });
+}

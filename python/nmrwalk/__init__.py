@@ -1,0 +1,195 @@
+"""NMR T2 relaxation of digital rock by random walks, from numpy.
+
+A label volume (a 3-D integer array indexed [z, y, x]) and the settings of an nmr.yaml
+file go in; the magnetization decay and its T2 distribution come out, the same numbers,
+bit for bit, that ``nmrwalk`` writes to T2decay.out and T2inversion.out when it runs the
+same grid, parameters and seed on one process.
+
+Functions:
+    simulate    walk a rock and invert its decay
+    invert      the T2 distribution of any decay (as nmrwalk-invert)
+    read_grid   the mineral codes and cell size of a grain bed grid file
+    write_grid  a grain bed grid file of a label volume
+    parameter_keys  the keys params may hold
+
+Errors: ValueError for bad arguments, KeyError for an unknown parameter key,
+FileNotFoundError for a missing file, nmrwalk.Error (a RuntimeError) with the program's
+own message for anything a run or a file reader refuses.
+"""
+
+import json
+import os
+import sys
+import warnings
+
+import numpy as np
+
+from . import _nmrwalk
+
+__all__ = ["simulate", "invert", "read_grid", "write_grid", "parameter_keys", "Result",
+           "Error", "MINERALS"]
+
+Error = _nmrwalk.Error
+
+# Mineral codes by display name, as grid files and nmr.yaml name them.
+MINERALS = dict(_nmrwalk.minerals())
+
+
+class Result:
+    """What a simulation ends with.
+
+    Attributes:
+        time_ms:      decay times in ms (numpy array), as the first column of T2decay.out
+        amplitude:    normalised decay amplitudes, its second column
+        t2_ms:        the T2 axis of the inversion in ms, as the first column of
+                      T2inversion.out
+        distribution: the T2 distribution on that axis, its second column
+        lambda_:      the regularisation parameter the inversion chose
+        summary:      the rock summary that nmrwalk prints (keys as printed, e.g.
+                      "Total porosity"), with the T2 figures of nmrwalk-plot: cutoffMs,
+                      totalAmplitude, logMeanT2Ms (T2LM), peakT2Ms, boundFraction and
+                      freeFraction
+        walk_seconds: time spent walking
+    """
+
+    def __init__(self, fields):
+        self.time_ms = fields["time_ms"]
+        self.amplitude = fields["amplitude"]
+        self.t2_ms = fields["t2_ms"]
+        self.distribution = fields["distribution"]
+        self.lambda_ = fields["lambda_"]
+        self.summary = fields["summary"]
+        self.walk_seconds = fields["walk_seconds"]
+
+    def __repr__(self):
+        return ("Result(%d decay points, T2LM %.4g ms, lambda %.4g)"
+                % (len(self.time_ms), self.summary["logMeanT2Ms"], self.lambda_))
+
+
+def parameter_keys():
+    """The keys params may hold: those of nmr.yaml, required and optional."""
+    return list(_nmrwalk.parameter_keys())
+
+
+def _native(labels):
+    # Cells are read in place in any memory order; only big-endian numbers need a copy.
+    if isinstance(labels, np.ndarray) and not labels.dtype.isnative:
+        return labels.astype(labels.dtype.newbyteorder("="))
+    return labels
+
+
+def _plain(value):
+    # numpy scalars and arrays inside params, as JSON (YAML's flow subset) takes them.
+    if hasattr(value, "tolist"):
+        return value.tolist()
+    raise TypeError("params: %r cannot be written to a parameter file" % (value,))
+
+
+class _ProgressBar:
+    """A one-line bar on standard error, redrawn when a whole percent more is done."""
+
+    def __init__(self, stream=None):
+        self._stream = stream or sys.stderr
+        self._shown = -1
+        self._total = 0
+
+    def __call__(self, done, total):
+        self._total = total
+        percent = 100 * done // max(total, 1)
+        if percent == self._shown:
+            return
+        self._shown = percent
+        filled = percent // 2
+        self._stream.write("\rwalking [%s%s] %3d%% of %d walkers"
+                           % ("#" * filled, " " * (50 - filled), percent, total))
+        self._stream.flush()
+
+    def close(self):
+        if self._shown >= 0:
+            self.__call__(self._total, self._total)
+            self._stream.write("\n")
+            self._stream.flush()
+
+
+def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=False):
+    """Walk a rock and return its decay and T2 distribution (a Result).
+
+    labels:       3-D integer numpy array indexed [z, y, x], any integer dtype and any
+                  memory order (read in place, not copied).
+    cell_size_um: edge of a cell in micrometres, > 0.
+    params:       a dict of nmr.yaml settings, or the path of an nmr.yaml file. Keys left
+                  out take the values that ``nmrwalk -p`` writes; a key nmr.yaml cannot
+                  hold raises KeyError. Mind two of those values: diffusionConstantWater
+                  is 0 (set it), and subsampleCalculation is true with a small
+                  regionOfInterest; pass subsampleCalculation=False to walk the whole
+                  volume. The grid key is not used: the grid is labels.
+    minerals:     dict from label value to mineral display name (see MINERALS), e.g.
+                  {0: "Pore", 1: "Quartz", 2: "Clay"}. Without it the labels are the
+                  mineral codes 0 to 13. A label absent from it raises ValueError.
+    seed:         random seed, in place of the randomSeed of params.
+    progress:     show a progress bar on standard error.
+
+    The walk runs in this process with the GIL released; Ctrl-C stops it with
+    KeyboardInterrupt. The result equals, bit for bit, nmrwalk's T2decay.out and
+    T2inversion.out on one process for the same grid, parameters and seed.
+    """
+    path, overrides = None, "{}"
+    if isinstance(params, (str, bytes, os.PathLike)):
+        path = os.fsdecode(params)
+    elif isinstance(params, dict):
+        keys = set(_nmrwalk.parameter_keys())
+        for key in params:
+            if key not in keys:
+                raise KeyError(key)
+        overrides = json.dumps(params, default=_plain)
+        if "subsampleCalculation" not in params:
+            warnings.warn("subsampleCalculation defaults to true with the regionOfInterest of "
+                          "nmrwalk -p (x 10-20, y 20-30, z 3-9): only that box is walked; pass "
+                          "subsampleCalculation=False in params to walk the whole volume",
+                          stacklevel=2)
+    else:
+        raise TypeError("params must be a dict of nmr.yaml settings or a path to one, not %s"
+                        % type(params).__name__)
+    if seed is not None and not isinstance(seed, int):
+        raise TypeError("seed must be an integer")
+    bar = _ProgressBar() if progress else None
+    try:
+        fields = _nmrwalk.simulate(_native(labels), float(cell_size_um), minerals, path, overrides,
+                                   seed, bar)
+    finally:
+        if bar is not None:
+            bar.close()
+    for line in fields["warnings"]:
+        warnings.warn(line, RuntimeWarning, stacklevel=2)
+    return Result(fields)
+
+
+def invert(time_ms, amplitude, t2_min=0.0001, t2_max=10000.0, components=100):
+    """The T2 distribution of a decay, by the inversion of nmrwalk-invert.
+
+    time_ms, amplitude: the decay, two 1-D sequences of one length.
+    t2_min, t2_max:     ends of the logarithmic T2 axis in ms (0 < t2_min < t2_max).
+    components:         points of the axis, 10 to 500.
+
+    Returns (t2_ms, distribution, lambda_): the axis, the amplitudes on it and the
+    regularisation parameter chosen at the corner of the L-curve.
+    """
+    return _nmrwalk.invert(time_ms, amplitude, float(t2_min), float(t2_max), int(components))
+
+
+def read_grid(path):
+    """The cells of a grain bed grid file (binary, or plain text) without its margins.
+
+    Returns (codes, cell_size_um): a uint8 array of mineral codes indexed [z, y, x], and
+    the edge of a cell in micrometres. A plain-text grid is converted first, beside it,
+    as nmrwalk does.
+    """
+    return _nmrwalk.read_grid(os.fsdecode(path))
+
+
+def write_grid(path, labels, cell_size_um, minerals=None):
+    """Write a label volume as a grain bed grid file (no margins) that nmrwalk reads.
+
+    labels, cell_size_um and minerals as for simulate(). A failed write leaves no file.
+    """
+    _nmrwalk.write_grid(os.fsdecode(path), _native(labels), float(cell_size_um), minerals)

@@ -1,0 +1,194 @@
+"""The Python module against the command-line programs, and its handling of bad input."""
+
+import _thread
+import os
+import subprocess
+import sys
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import nmrwalk
+
+BUILD = os.environ.get("NMR_BINARY_DIR", os.path.join(os.path.dirname(__file__), "../../build"))
+SOURCE = os.environ.get("NMR_SOURCE_DIR", os.path.join(os.path.dirname(__file__), "../.."))
+
+# Labels as an image segmentation gives them; 7 is left out of MINERALS on purpose.
+MINERALS = {10: "Pore", 20: "Quartz", 30: "Clay"}
+
+
+def rock(shape=(10, 32, 22), seed=3):
+    """Grains of quartz in pore space with clay, labelled 10/20/30, indexed [z, y, x]."""
+    rng = np.random.default_rng(seed)
+    draw = rng.random(shape)
+    return np.where(draw < 0.55, 10, np.where(draw < 0.9, 20, 30)).astype(np.int32)
+
+
+def settings(**changes):
+    values = {"diffusionConstantWater": 2.3e-9, "numberOfWalkers": 3000,
+              "subsampleCalculation": False, "randomSeed": 11}
+    values.update(changes)
+    return values
+
+
+def write_run_directory(directory, labels, values):
+    """nmr.yaml (the template of nmrwalk -p with values in place) and its grid."""
+    # -p writes the template and ends with the status of a run that did not walk.
+    subprocess.run([os.path.join(BUILD, "nmrwalk"), "-p"], cwd=directory, capture_output=True)
+    path = os.path.join(directory, "nmr.yaml")
+    lines = []
+    for line in open(path).read().splitlines():
+        key = line.strip().split(":")[0]
+        if line.startswith("  ") and not line.startswith("   ") and key in values:
+            value = values[key]
+            line = "  %s: %s" % (key, str(value).lower() if isinstance(value, bool) else value)
+        lines.append(line)
+    open(path, "w").write("\n".join(lines) + "\n")
+    nmrwalk.write_grid(os.path.join(directory, "grid.binc"), labels, 2.5, MINERALS)
+    return path
+
+
+def columns(x, y):
+    # The files hold numbers in the stream's default format, which is printf's %g.
+    return ["%g %g" % pair for pair in zip(x, y)]
+
+
+@pytest.mark.parametrize("region", [False, True])
+def test_simulation_equals_the_command_line_at_one_process(tmp_path, region):
+    labels = rock()
+    values = settings(subsampleCalculation=region)
+    path = write_run_directory(tmp_path, labels, values)
+    subprocess.run([os.path.join(BUILD, "nmrwalk")], cwd=tmp_path, check=True,
+                   capture_output=True)
+
+    from_file = nmrwalk.simulate(labels, 2.5, path, minerals=MINERALS)
+    from_dict = nmrwalk.simulate(labels, 2.5, values, minerals=MINERALS)
+    assert columns(from_file.time_ms, from_file.amplitude) == \
+        (tmp_path / "T2decay.out").read_text().splitlines()
+    assert columns(from_file.t2_ms, from_file.distribution) == \
+        (tmp_path / "T2inversion.out").read_text().splitlines()
+    for name in ("time_ms", "amplitude", "t2_ms", "distribution"):
+        assert np.array_equal(getattr(from_file, name), getattr(from_dict, name))
+    assert from_file.summary["Is sub region"] == int(region)
+    assert from_file.summary["Data size"] == ((10, 10, 6) if region else (22, 32, 10))
+
+
+def test_same_seed_same_bits_and_seed_overrides_the_parameters():
+    labels = rock()
+    first = nmrwalk.simulate(labels, 2.5, settings(), minerals=MINERALS)
+    again = nmrwalk.simulate(labels, 2.5, settings(randomSeed=99), minerals=MINERALS, seed=11)
+    other = nmrwalk.simulate(labels, 2.5, settings(), minerals=MINERALS, seed=12)
+    assert np.array_equal(first.amplitude, again.amplitude)
+    assert np.array_equal(first.distribution, again.distribution)
+    assert not np.array_equal(first.amplitude, other.amplitude)
+    for array in (first.time_ms, first.amplitude, first.t2_ms, first.distribution):
+        assert array.base is None and array.flags.owndata
+    summary = first.summary
+    assert summary["freeFraction"] == pytest.approx(1.0 - summary["boundFraction"])
+    assert summary["Random Walkers"] == 3000
+    assert 0.0 < summary["Total porosity"] < 1.0
+
+
+def test_memory_order_and_dtype_do_not_change_the_rock(tmp_path):
+    labels = rock()
+    reference = nmrwalk.simulate(labels, 2.5, settings(numberOfWalkers=500), minerals=MINERALS)
+    for variant in (np.asfortranarray(labels).astype(np.uint16), labels.astype(">i4"),
+                    labels.astype(np.int64)[:, ::-1, :][:, ::-1, :],
+                    np.ascontiguousarray(labels.transpose(2, 1, 0)).transpose(2, 1, 0)):
+        result = nmrwalk.simulate(variant, 2.5, settings(numberOfWalkers=500), minerals=MINERALS)
+        assert np.array_equal(result.amplitude, reference.amplitude)
+
+    nmrwalk.write_grid(tmp_path / "rock.binc", labels[::2, :, ::-1], 1.5, MINERALS)
+    codes, cell_size = nmrwalk.read_grid(tmp_path / "rock.binc")
+    expected = np.select([labels == 10, labels == 20], [0, 3], 1)[::2, :, ::-1]
+    assert codes.dtype == np.uint8 and cell_size == 1.5
+    assert np.array_equal(codes, expected)
+
+
+def test_invert_equals_the_inversion_tool(tmp_path):
+    times = np.geomspace(0.2, 3000.0, 400)
+    amplitude = 0.6 * np.exp(-times / 15.0) + 0.4 * np.exp(-times / 400.0)
+    np.savetxt(tmp_path / "decay.txt", np.column_stack([times, amplitude]), fmt="%.17g")
+    subprocess.run([os.path.join(BUILD, "nmrwalk-invert"), "decay.txt", "--t2-components", "60",
+                    "-o", "inverted.out"], cwd=tmp_path, check=True, capture_output=True)
+    t2, distribution, lambda_ = nmrwalk.invert(times, amplitude, components=60)
+    assert columns(t2, distribution) == (tmp_path / "inverted.out").read_text().splitlines()
+    assert lambda_ > 0.0
+
+
+def expect(error, text, call):
+    with pytest.raises(error) as raised:
+        call()
+    assert text in str(raised.value)
+
+
+def test_bad_input_raises_the_right_exception(tmp_path):
+    labels = rock((4, 4, 4))
+    run = lambda **kw: nmrwalk.simulate(kw.pop("labels", labels), kw.pop("cell", 2.0),
+                                        kw.pop("params", settings()),
+                                        minerals=kw.pop("minerals", MINERALS))
+    expect(ValueError, "3-D", lambda: run(labels=labels[0]))
+    expect(ValueError, "integer dtype", lambda: run(labels=labels.astype(float)))
+    expect(ValueError, "label 7 (at [z, y, x] = [0, 0, 1]) is not in minerals",
+           lambda: run(labels=np.where(np.indices(labels.shape)[2] == 1, 7, labels)))
+    expect(ValueError, "not a mineral code 0 to 13", lambda: run(minerals=None))
+    expect(ValueError, "not a mineral name", lambda: run(minerals={10: "Quarz"}))
+    for cell in (0.0, -1.0, float("nan")):
+        expect(ValueError, "cell_size_um", lambda: run(cell=cell))
+    expect(ValueError, "numberOfWalkers must be positive", lambda: run(
+        params=settings(numberOfWalkers=0)))
+    expect(ValueError, "bad conversion", lambda: run(params=settings(numberOfWalkers="many")))
+    expect(KeyError, "numberOfWalker", lambda: run(params={"numberOfWalker": 10}))
+    expect(FileNotFoundError, "absent.yaml", lambda: run(params=str(tmp_path / "absent.yaml")))
+    expect(FileNotFoundError, "absent.binc", lambda: nmrwalk.read_grid(tmp_path / "absent.binc"))
+    (tmp_path / "bad.yaml").write_text("NuclearMagneticResonanceParameters: 5\n")
+    expect(nmrwalk.Error, "bad.yaml does not contain a yaml map.",
+           lambda: run(params=str(tmp_path / "bad.yaml")))
+    (tmp_path / "grid.binc").write_bytes(b"\x1f\x8b\x08\x00 not really gzip")
+    with pytest.raises(nmrwalk.Error):
+        nmrwalk.read_grid(tmp_path / "grid.binc")
+    expect(nmrwalk.Error, "Region of interest is larger than grid size",
+           lambda: run(params=settings(subsampleCalculation=True)))
+    expect(ValueError, "0 < t2_min < t2_max", lambda: nmrwalk.invert([1, 2], [1, 0.5], t2_min=5,
+                                                                     t2_max=1))
+    with pytest.warns(UserWarning, match="subsampleCalculation defaults to true"):
+        with pytest.raises(nmrwalk.Error):
+            nmrwalk.simulate(labels, 2.0, {"numberOfWalkers": 10}, minerals=MINERALS)
+
+
+def test_ctrl_c_stops_a_walk_with_the_gil_released():
+    # The interrupt comes from another thread while the walk runs: it can only arrive if
+    # the walk lets go of the GIL, and it only stops the walk if the walk polls for it.
+    labels = rock((30, 30, 30))
+    timer = threading.Timer(0.5, _thread.interrupt_main)
+    timer.start()
+    started = time.monotonic()
+    with pytest.raises(KeyboardInterrupt):
+        nmrwalk.simulate(labels, 2.0, settings(numberOfWalkers=2_000_000), minerals=MINERALS)
+    assert time.monotonic() - started < 30.0
+    timer.cancel()
+
+
+def test_mpi_started_by_mpi4py_is_used_and_left_to_it(tmp_path):
+    script = ("from mpi4py import MPI\n"
+              "import numpy as np, nmrwalk\n"
+              "labels = np.where(np.arange(512).reshape(8, 8, 8) % 3 == 0, 3, 0)\n"
+              "r = nmrwalk.simulate(labels, 1.0,\n"
+              "    {'numberOfWalkers': 50, 'subsampleCalculation': False,\n"
+              "     'diffusionConstantWater': 2.3e-9})\n"
+              "print(MPI.Is_initialized(), MPI.Is_finalized(), len(r.time_ms) > 0)\n")
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                          timeout=120)
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.strip() == "True False True"
+
+
+def test_example_writes_its_plot(tmp_path):
+    done = subprocess.run([sys.executable, os.path.join(SOURCE, "examples/python/grain_pack.py"),
+                           str(tmp_path / "grain_pack.png")], capture_output=True, text=True,
+                          timeout=300)
+    assert done.returncode == 0, done.stderr
+    assert (tmp_path / "grain_pack.png").stat().st_size > 10_000
+    assert "T2LM" in done.stdout
