@@ -8,6 +8,7 @@
 #include "grid/grid.h"
 #include "params/nmr_parameters.h"
 #include "simulation/rock_summary.h"
+#include "walk/random_stream.h"
 #include "walk/recording_walk.h"
 #include "walk/walker.h"
 
@@ -22,6 +23,12 @@ RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
                                 const RockSummary& summary, const WalkPlan& walk,
                                 const Grid<Mineral::Type>& grid,
                                 const MineralValueMap<double>& floor);
+
+// The seed of the roulette stream of process `rank`: apart from every walk stream of the
+// job, so that deciding which walkers go on never shifts a walker's own draws.
+inline std::uint32_t rouletteSeed(std::int32_t randomSeed, int rank) {
+    return streamSeed(randomSeed, rank) ^ 0x5bd1e995u;
+}
 
 // Walkers per chunk of a recording of `total` walkers: about 128 chunks in all, so that a
 // bootstrap has enough of them to resample.

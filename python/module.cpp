@@ -14,11 +14,14 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/exception.h"
 #include "common/logger.h"
 #include "common/progress_reporter.h"
+#include "fit/recording.h"
+#include "fit/relaxivity_fit.h"
 #include "io/grain_bed_grid_writer.h"
 #include "io/grid_loader.h"
 #include "params/parameter_file.h"
@@ -26,6 +29,7 @@
 #include "simulation/local_run.h"
 #include "simulation/run_setup.h"
 #include "t2/t2_inversion.h"
+#include "tools/fit_options.h"
 #include "tools/t2_summary.h"
 
 namespace py = pybind11;
@@ -163,6 +167,7 @@ private:
 struct LabelledRock {
     LabelVolume volume;
     LabelCodes codes;
+    double cellSize;
 };
 
 LabelledRock labelledRock(py::array labels, double cellSize, const py::object& minerals) {
@@ -171,16 +176,13 @@ LabelledRock labelledRock(py::array labels, double cellSize, const py::object& m
         throw std::invalid_argument("cell_size_um must be a positive number of micrometres; got " +
                                     std::to_string(cellSize));
     }
-    return {std::move(volume), minerals.is_none() ? LabelCodes() : LabelCodes(minerals)};
+    return {std::move(volume), minerals.is_none() ? LabelCodes() : LabelCodes(minerals), cellSize};
 }
 
-py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
-                  const py::object& path, const std::string& overrides, const py::object& seed,
-                  const py::object& progress) {
-    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
-    const LabelVolume& volume = rock.volume;
-    const LabelCodes& codes = rock.codes;
-
+// The settings of a call: the file's (path) or the dict's (overrides, as YAML text) on the
+// template, with the seed in place when one is given.
+std::unique_ptr<Parameters> parametersOf(const py::object& path, const std::string& overrides,
+                                         const py::object& seed) {
     std::unique_ptr<Parameters> parameters;
     if (path.is_none()) {
         YAML::Node settings = YAML::Load(overrides);
@@ -195,19 +197,35 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
                                     std::to_string(parameters->numberOfWalkers()));
     }
     ensureMpi();
+    return parameters;
+}
 
+// The rock's cells as a run with these parameters loads them (its region, when one is on).
+// Reads the label buffer only, so it runs without the GIL.
+std::shared_ptr<ByteMineralGrid> gridOf(const LabelledRock& rock, const Parameters& parameters) {
     const MineralVolume cells{
-        volume.nx(), volume.ny(), volume.nz(), cellSize,
-        [&](std::uint32_t z, std::uint8_t* out) { volume.sliceCodes(z, codes, out); }};
-    const GridLoadOptions options = runLoadOptions(*parameters);
+        rock.volume.nx(), rock.volume.ny(), rock.volume.nz(), rock.cellSize,
+        [&](std::uint32_t z, std::uint8_t* out) { rock.volume.sliceCodes(z, rock.codes, out); }};
+    return buildByteMineralGrid(cells, runLoadOptions(parameters));
+}
+
+// One walk at a time in a process: MPI was asked for serialised calls only.
+std::mutex& walking() {
+    static std::mutex lock;
+    return lock;
+}
+
+py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
+                  const py::object& path, const std::string& overrides, const py::object& seed,
+                  const py::object& progress) {
+    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
+    const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
     WalkPolls polls(progress);
     std::optional<LocalRun> run;
     {
         py::gil_scoped_release released;
-        // One walk at a time in a process: MPI was asked for serialised calls only.
-        static std::mutex walking;
-        const std::lock_guard<std::mutex> one(walking);
-        run = runLocally(*parameters, buildByteMineralGrid(cells, options), std::ref(polls));
+        const std::lock_guard<std::mutex> one(walking());
+        run = runLocally(*parameters, gridOf(rock, *parameters), std::ref(polls));
     }
     if (!run) polls.raisePending();
 
@@ -220,6 +238,84 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
     out["summary"] = summaryOf(*run);
     out["walk_seconds"] = run->walkSeconds;
     out["warnings"] = meaninglessParameterWarnings(*parameters);
+    return out;
+}
+
+tools::MeasuredDecay measuredDecay(const py::array_t<double, py::array::forcecast>& times,
+                                   const py::array_t<double, py::array::forcecast>& values) {
+    tools::MeasuredDecay measured;
+    measured.times = listOf(times, "time_ms");
+    measured.values = listOf(values, "amplitude");
+    if (measured.times.size() != measured.values.size()) {
+        throw std::invalid_argument(
+            "time_ms and amplitude differ in length: " + std::to_string(measured.times.size()) +
+            " and " + std::to_string(measured.values.size()));
+    }
+    if (measured.times.size() < fit::MeasuredWindow::kLeastPoints) {
+        throw std::invalid_argument(
+            "a fit needs at least " + std::to_string(fit::MeasuredWindow::kLeastPoints) +
+            " measured points; got " + std::to_string(measured.times.size()));
+    }
+    for (std::size_t i = 0; i < measured.times.size(); ++i) measured.lines.push_back(i + 1);
+    return measured;
+}
+
+// The fit of nmrwalk-fit at one process: the recording walk of the rock (the walk of a
+// run, every walker's contacts kept), then the relaxivities of `fitted` (empty: every
+// relaxing mineral of the rock) that make it match the measured decay.
+py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& minerals,
+                       const py::object& path, const std::string& overrides, const py::object& seed,
+                       const py::array_t<double, py::array::forcecast>& times,
+                       const py::array_t<double, py::array::forcecast>& values,
+                       const std::vector<std::string>& fitted, const py::object& bounds) {
+    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
+    const tools::MeasuredDecay measured = measuredDecay(times, values);
+    tools::FitOptions options;
+    options.measured = "the measured decay";
+    options.minerals = fitted;
+    if (!bounds.is_none()) {
+        const auto [lower, upper] = bounds.cast<std::pair<double, double>>();
+        options.lower = lower;
+        options.upper = upper;
+    }
+    const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
+
+    py::gil_scoped_release released;
+    const std::lock_guard<std::mutex> one(walking());
+    LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
+    const fit::FitRequest request =
+        tools::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
+                          walk.grid.grid().counters(), "labels");
+    tools::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
+    const fit::RecordedRun run = fit::describeRecordedRun(
+        *parameters, walk.summary, walk.plan, walk.grid.grid(), tools::floorsOf(request, options));
+    RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
+    const fit::ContactHistories histories = walk.grid.visit([&](const auto& g) {
+        return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
+                                  fit::chunkWalkersFor(parameters->numberOfWalkers()));
+    });
+    walk.grid = {};
+
+    const fit::RelaxivityFit fitter(histories, run, {measured.times, measured.values},
+                                    std::max(1u, std::thread::hardware_concurrency()));
+    tools::checkWindow(fitter.window(), measured, options.measured);
+    const fit::FitResult result =
+        fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));
+    const DecayCurve decay = fitter.decayAt(result.relaxivity);
+
+    py::gil_scoped_acquire gil;
+    std::vector<std::string> names;
+    for (Mineral::Type code : request.minerals) names.push_back(Mineral::name(code));
+    py::dict out;
+    out["minerals"] = names;
+    out["relaxivity"] = result.value;
+    out["uncertainty"] = result.uncertainty;
+    out["at_bound"] = std::vector<bool>(result.atBound.begin(), result.atBound.end());
+    out["misfit"] = result.misfit.sumOfSquares;
+    out["scale"] = result.misfit.scale;
+    out["evaluations"] = result.evaluations;
+    out["time_ms"] = arrayOf(decay.times);
+    out["amplitude"] = arrayOf(decay.values);
     return out;
 }
 
@@ -320,6 +416,9 @@ PYBIND11_MODULE(_nmrwalk, m) {
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("progress"));
     m.def("invert", &invert, py::arg("time_ms"), py::arg("amplitude"), py::arg("t2_min"),
           py::arg("t2_max"), py::arg("components"));
+    m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
+          py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
+          py::arg("amplitude"), py::arg("fit"), py::arg("bounds"));
     m.def("read_grid", &readGrid, py::arg("path"));
     m.def("write_grid", &writeGrid, py::arg("path"), py::arg("labels"), py::arg("cell_size_um"),
           py::arg("minerals"));

@@ -12,31 +12,38 @@
 
 namespace nmr {
 
-std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters,
-                                   std::shared_ptr<ByteMineralGrid> grid,
-                                   const LocalRunPoll& poll) {
+LocalWalk prepareLocalWalk(NuclearMagneticResonanceParameters& parameters,
+                           std::shared_ptr<ByteMineralGrid> grid) {
+    LocalWalk walk;
     // The stream of process 0 of a run, and the walkers a run at one process draws.
-    RandomStream stream(streamSeed(parameters.randomSeed(), 0));
-    std::vector<Walker> walkers;
+    walk.stream = std::make_unique<RandomStream>(streamSeed(parameters.randomSeed(), 0));
     std::ostringstream reason;
-    const DistributedGrid held =
-        adoptLocalGrid(std::move(grid), parameters.numberOfWalkers(), stream, walkers, reason);
-    if (!held) {
+    walk.grid = adoptLocalGrid(std::move(grid), parameters.numberOfWalkers(), *walk.stream,
+                               walk.walkers, reason);
+    if (!walk.grid) {
         std::string text = reason.str();
         while (!text.empty() && text.back() == '\n') text.pop_back();
         throw Exception(text);
     }
+    walk.summary = computeRockSummary(parameters, walk.grid.grid());
+    walk.plan = buildWalkPlan(walk.summary, parameters);
+    return walk;
+}
 
+std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters,
+                                   std::shared_ptr<ByteMineralGrid> grid,
+                                   const LocalRunPoll& poll) {
+    LocalWalk walk = prepareLocalWalk(parameters, std::move(grid));
     LocalRun run;
-    run.summary = computeRockSummary(parameters, held.grid());
-    run.summaryEntries = rockSummaryEntries(run.summary, parameters, held.grid());
-    const WalkPlan plan = buildWalkPlan(run.summary, parameters);
+    run.summary = walk.summary;
+    run.summaryEntries = rockSummaryEntries(run.summary, parameters, walk.grid.grid());
+    const WalkPlan& plan = walk.plan;
     AbsorptionHistogram histogram(kIntervalCount);
-    const auto total = static_cast<std::uint32_t>(walkers.size());
+    const auto total = static_cast<std::uint32_t>(walk.walkers.size());
     WalkerLoopHooks hooks;
     if (poll) hooks.poll = [&](std::uint32_t done) { return poll(done, total); };
-    const WalkerLoopOutcome outcome = held.visit([&](const auto& g) {
-        return walkWalkers(g, walkers, stream, plan, histogram, 0, hooks, MPI_COMM_SELF);
+    const WalkerLoopOutcome outcome = walk.grid.visit([&](const auto& g) {
+        return walkWalkers(g, walk.walkers, *walk.stream, plan, histogram, 0, hooks, MPI_COMM_SELF);
     });
     if (!outcome.completed) return std::nullopt;
     run.walkSeconds = MPI_Wtime() - outcome.startTime;

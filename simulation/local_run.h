@@ -7,9 +7,13 @@
 #include <vector>
 
 #include "grid/byte_mineral_grid.h"
+#include "parallel/grid_distribution.h"
 #include "params/nmr_parameters.h"
 #include "simulation/rock_summary.h"
 #include "simulation/run_results.h"
+#include "walk/random_stream.h"
+#include "walk/walk_plan.h"
+#include "walk/walker.h"
 
 namespace nmr {
 
@@ -23,6 +27,20 @@ struct LocalRun {
     RunResults results;
     double walkSeconds = 0.0;
 };
+
+// A grid that this process holds alone, with the walkers of a run at one process, the
+// stream that placed them (its next draws are the walk's) and the rock model: all a walk,
+// or a recording walk, needs. Throws Exception with the reason the grid cannot be walked
+// (no pore cell where a walker can start, a cell that is no mineral).
+struct LocalWalk {
+    DistributedGrid grid;
+    std::vector<Walker> walkers;
+    std::unique_ptr<RandomStream> stream;
+    RockSummary summary;
+    WalkPlan plan;
+};
+LocalWalk prepareLocalWalk(NuclearMagneticResonanceParameters& parameters,
+                           std::shared_ptr<ByteMineralGrid> grid);
 
 // A whole run inside this process on a grid it built itself (see buildByteMineralGrid):
 // for the same cells, parameters and seed, the decay and the distribution of nmrwalk at

@@ -172,8 +172,7 @@ private:
                                        floorsOf(request_, options_));
 
         const auto start = std::chrono::steady_clock::now();
-        // The roulette's own stream: seeded apart from every walk stream of the job.
-        RandomStream roulette(streamSeed(parameters_->randomSeed(), rank_) ^ 0x5bd1e995u);
+        RandomStream roulette(fit::rouletteSeed(parameters_->randomSeed(), rank_));
         const std::uint32_t chunk = fit::chunkWalkersFor(parameters_->numberOfWalkers());
         fit::ContactHistories local = grid.visit([&](const auto& g) {
             return fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk);

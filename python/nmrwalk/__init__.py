@@ -7,6 +7,7 @@ same grid, parameters and seed on one process.
 
 Functions:
     simulate    walk a rock and invert its decay
+    fit         surface relaxivities that match a measured decay, from one walk
     invert      the T2 distribution of any decay (as nmrwalk-invert)
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
@@ -26,7 +27,7 @@ import numpy as np
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "invert", "read_grid", "write_grid", "parameter_keys", "Result",
+__all__ = ["simulate", "fit", "FitResult", "invert", "read_grid", "write_grid", "parameter_keys", "Result",
            "Error", "MINERALS"]
 
 Error = _nmrwalk.Error
@@ -111,6 +112,25 @@ class _ProgressBar:
             self._stream.flush()
 
 
+def _parameter_overrides(params):
+    """(path, YAML text of the overrides) for the params argument of simulate and fit."""
+    if isinstance(params, (str, bytes, os.PathLike)):
+        return os.fsdecode(params), "{}"
+    if not isinstance(params, dict):
+        raise TypeError("params must be a dict of nmr.yaml settings or a path to one, not %s"
+                        % type(params).__name__)
+    keys = set(_nmrwalk.parameter_keys())
+    for key in params:
+        if key not in keys:
+            raise KeyError(key)
+    if "subsampleCalculation" not in params:
+        warnings.warn("subsampleCalculation defaults to true with the regionOfInterest of "
+                      "nmrwalk -p (x 10-20, y 20-30, z 3-9): only that box is walked; pass "
+                      "subsampleCalculation=False in params to walk the whole volume",
+                      stacklevel=3)
+    return None, json.dumps(params, default=_plain)
+
+
 def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=False):
     """Walk a rock and return its decay and T2 distribution (a Result).
 
@@ -133,23 +153,7 @@ def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=Fa
     KeyboardInterrupt. The result equals, bit for bit, nmrwalk's T2decay.out and
     T2inversion.out on one process for the same grid, parameters and seed.
     """
-    path, overrides = None, "{}"
-    if isinstance(params, (str, bytes, os.PathLike)):
-        path = os.fsdecode(params)
-    elif isinstance(params, dict):
-        keys = set(_nmrwalk.parameter_keys())
-        for key in params:
-            if key not in keys:
-                raise KeyError(key)
-        overrides = json.dumps(params, default=_plain)
-        if "subsampleCalculation" not in params:
-            warnings.warn("subsampleCalculation defaults to true with the regionOfInterest of "
-                          "nmrwalk -p (x 10-20, y 20-30, z 3-9): only that box is walked; pass "
-                          "subsampleCalculation=False in params to walk the whole volume",
-                          stacklevel=2)
-    else:
-        raise TypeError("params must be a dict of nmr.yaml settings or a path to one, not %s"
-                        % type(params).__name__)
+    path, overrides = _parameter_overrides(params)
     if seed is not None and not isinstance(seed, int):
         raise TypeError("seed must be an integer")
     bar = _ProgressBar() if progress else None
@@ -162,6 +166,63 @@ def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=Fa
     for line in fields["warnings"]:
         warnings.warn(line, RuntimeWarning, stacklevel=2)
     return Result(fields)
+
+
+class FitResult:
+    """Surface relaxivities fitted to a measured decay.
+
+    Attributes:
+        relaxivity:  {mineral display name: fitted relaxivity in m/s}
+        uncertainty: {mineral display name: one standard deviation in m/s}, from the
+                     walkers (bootstrap) and the measurement's scatter (curvature of the
+                     misfit) in quadrature, as nmrwalk-fit reports it
+        at_bound:    {mineral display name: True when the value lies on a bound}
+        misfit:      sum of squared differences at the fit
+        scale:       amplitude scale, simulated per measured unit
+        evaluations: decays computed by the optimiser
+        time_ms, amplitude: the simulated decay at the fitted relaxivities
+    """
+
+    def __init__(self, fields):
+        names = fields["minerals"]
+        self.relaxivity = dict(zip(names, fields["relaxivity"]))
+        self.uncertainty = dict(zip(names, fields["uncertainty"]))
+        self.at_bound = dict(zip(names, fields["at_bound"]))
+        self.misfit = fields["misfit"]
+        self.scale = fields["scale"]
+        self.evaluations = fields["evaluations"]
+        self.time_ms = fields["time_ms"]
+        self.amplitude = fields["amplitude"]
+
+    def __repr__(self):
+        return "FitResult(%s, misfit %.4g)" % (
+            ", ".join("%s %.4g m/s" % item for item in self.relaxivity.items()), self.misfit)
+
+
+def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=None, bounds=None,
+        seed=None):
+    """Fit the surface relaxivity of each mineral to a measured decay, from one walk.
+
+    As nmrwalk-fit at one process: the walk of simulate() with every walker's contacts
+    with each mineral recorded, then the relaxivities that make the simulated decay match
+    the measured one times a free amplitude scale (NLopt's BOBYQA on log relaxivity).
+
+    labels, cell_size_um, params, minerals, seed: as for simulate().
+    time_ms, amplitude: the measured decay (at least 10 points inside the simulated times).
+    fit:    mineral display names to fit; by default every mineral of the rock with a
+            non-zero relaxivity in params. The others keep their values.
+    bounds: (lower, upper) in m/s for every fitted mineral; by default each one's value in
+            params halved and doubled.
+
+    Returns a FitResult. The walk holds the GIL released but is not interrupted by Ctrl-C.
+    """
+    path, overrides = _parameter_overrides(params)
+    if seed is not None and not isinstance(seed, int):
+        raise TypeError("seed must be an integer")
+    names = [fit] if isinstance(fit, str) else list(fit or [])
+    return FitResult(_nmrwalk.fit(_native(labels), float(cell_size_um), minerals, path,
+                                  overrides, seed, time_ms, amplitude, names,
+                                  None if bounds is None else tuple(map(float, bounds))))
 
 
 def invert(time_ms, amplitude, t2_min=0.0001, t2_max=10000.0, components=100):

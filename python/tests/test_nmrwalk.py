@@ -107,6 +107,33 @@ def test_memory_order_and_dtype_do_not_change_the_rock(tmp_path):
     assert np.array_equal(codes, expected)
 
 
+def test_fit_equals_the_fit_tool_at_one_process(tmp_path):
+    # The "measurement" is a run at other relaxivities; the fit starts from the file's.
+    labels = rock()
+    truth = settings(surfaceRelaxationStrengthWater={"Quartz": 3e-5, "Clay": 4e-6})
+    measured = nmrwalk.simulate(labels, 2.5, truth, minerals=MINERALS, seed=5)
+    np.savetxt(tmp_path / "measured.txt", np.column_stack([measured.time_ms, measured.amplitude]),
+               fmt="%.17g")
+    path = write_run_directory(tmp_path, labels, settings())
+    done = subprocess.run([os.path.join(BUILD, "nmrwalk-fit"), "measured.txt"], cwd=tmp_path,
+                          check=True, capture_output=True, text=True)
+    printed = [line for line in done.stdout.splitlines() if line.startswith("Fitted ")]
+
+    result = nmrwalk.fit(labels, 2.5, path, measured.time_ms, measured.amplitude,
+                         minerals=MINERALS)
+    assert printed == ["Fitted %s: %g m/s (+- %g)" % (name, value, result.uncertainty[name])
+                       for name, value in result.relaxivity.items()]
+    assert result.relaxivity["Quartz"] == pytest.approx(3e-5, rel=0.1)
+    only_quartz = nmrwalk.fit(labels, 2.5, path, measured.time_ms, measured.amplitude,
+                              minerals=MINERALS, fit="Quartz", bounds=(1e-6, 1e-4))
+    assert list(only_quartz.relaxivity) == ["Quartz"]
+    expect(nmrwalk.Error, "Pyrite", lambda: nmrwalk.fit(
+        labels, 2.5, path, measured.time_ms, measured.amplitude, minerals=MINERALS,
+        fit="Pyrite"))
+    expect(ValueError, "at least 10", lambda: nmrwalk.fit(
+        labels, 2.5, path, measured.time_ms[:5], measured.amplitude[:5], minerals=MINERALS))
+
+
 def test_invert_equals_the_inversion_tool(tmp_path):
     times = np.geomspace(0.2, 3000.0, 400)
     amplitude = 0.6 * np.exp(-times / 15.0) + 0.4 * np.exp(-times / 400.0)
