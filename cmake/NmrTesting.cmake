@@ -29,17 +29,18 @@ set(NMR_TEST_ENV
     "NMR_SOURCE_DIR=${PROJECT_SOURCE_DIR}"
     "NMR_BINARY_DIR=${PROJECT_BINARY_DIR}")
 
+# Sets var to the values that follow when the caller left it empty.
+macro(nmr_default var)
+  if(NOT ${var})
+    set(${var} ${ARGN})
+  endif()
+endmacro()
+
 function(nmr_add_test folder)
   cmake_parse_arguments(ARG "" "TIMEOUT;NAME" "SOURCES;LIBS;LABELS" ${ARGN})
-  if(NOT ARG_NAME)
-    set(ARG_NAME ${folder}_tests)
-  endif()
-  if(NOT ARG_LABELS)
-    set(ARG_LABELS unit)
-  endif()
-  if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
-  endif()
+  nmr_default(ARG_NAME ${folder}_tests)
+  nmr_default(ARG_LABELS unit)
+  nmr_default(ARG_TIMEOUT 300)
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr::testutil GTest::gtest GTest::gtest_main)
   nmr_set_warnings(${ARG_NAME})
@@ -51,38 +52,29 @@ endfunction()
 
 function(nmr_add_mpi_test folder)
   cmake_parse_arguments(ARG "NODE_GROUPS" "TIMEOUT;NAME;PREFIX" "SOURCES;LIBS;RANKS;LABELS" ${ARGN})
-  if(NOT ARG_NAME)
-    set(ARG_NAME ${folder}_mpi_tests)
-  endif()
-  if(NOT ARG_PREFIX)
-    set(ARG_PREFIX ${folder}.mpi)
-  endif()
-  if(NOT ARG_RANKS)
-    set(ARG_RANKS 1 2 3 4)
-  endif()
-  if(NOT ARG_LABELS)
-    set(ARG_LABELS mpi)
-  endif()
-  if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
-  endif()
+  nmr_default(ARG_NAME ${folder}_mpi_tests)
+  nmr_default(ARG_PREFIX ${folder}.mpi)
+  nmr_default(ARG_RANKS 1 2 3 4)
+  nmr_default(ARG_LABELS mpi)
+  nmr_default(ARG_TIMEOUT 300)
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LIBS} nmr::testutil_mpi)
   nmr_set_warnings(${ARG_NAME})
   foreach(n IN LISTS ARG_RANKS)
-    add_test(NAME ${ARG_PREFIX}.np${n}
-      COMMAND ${MPIEXEC_EXECUTABLE} ${MPIEXEC_NUMPROC_FLAG} ${n} ${MPIEXEC_PREFLAGS}
-              $<TARGET_FILE:${ARG_NAME}> ${MPIEXEC_POSTFLAGS})
-    set_tests_properties(${ARG_PREFIX}.np${n} PROPERTIES
-      PROCESSORS ${n} LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
-      ENVIRONMENT "${NMR_TEST_ENV}")
+    nmr_add_mpi_run(${ARG_PREFIX}.np${n} ${ARG_NAME} ${n} "${ARG_LABELS}" ${ARG_TIMEOUT}
+                    "${NMR_TEST_ENV}")
     if(ARG_NODE_GROUPS AND n GREATER 2)
-      add_test(NAME ${ARG_PREFIX}.np${n}.nodes2
-        COMMAND ${MPIEXEC_EXECUTABLE} ${MPIEXEC_NUMPROC_FLAG} ${n} ${MPIEXEC_PREFLAGS}
-                $<TARGET_FILE:${ARG_NAME}> ${MPIEXEC_POSTFLAGS})
-      set_tests_properties(${ARG_PREFIX}.np${n}.nodes2 PROPERTIES
-        PROCESSORS ${n} LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
-        ENVIRONMENT "${NMR_TEST_ENV};NMRWALK_RANKS_PER_NODE=2")
+      nmr_add_mpi_run(${ARG_PREFIX}.np${n}.nodes2 ${ARG_NAME} ${n} "${ARG_LABELS}" ${ARG_TIMEOUT}
+                      "${NMR_TEST_ENV};NMRWALK_RANKS_PER_NODE=2")
     endif()
   endforeach()
+endfunction()
+
+# One CTest test: target under mpiexec at n ranks.
+function(nmr_add_mpi_run name target n labels timeout environment)
+  add_test(NAME ${name}
+    COMMAND ${MPIEXEC_EXECUTABLE} ${MPIEXEC_NUMPROC_FLAG} ${n} ${MPIEXEC_PREFLAGS}
+            $<TARGET_FILE:${target}> ${MPIEXEC_POSTFLAGS})
+  set_tests_properties(${name} PROPERTIES
+    PROCESSORS ${n} LABELS "${labels}" TIMEOUT ${timeout} ENVIRONMENT "${environment}")
 endfunction()
