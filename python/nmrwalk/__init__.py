@@ -23,8 +23,6 @@ import os
 import sys
 import warnings
 
-import numpy as np
-
 from . import _nmrwalk
 
 __all__ = ["simulate", "fit", "FitResult", "invert", "read_grid", "write_grid", "parameter_keys", "Result",
@@ -74,6 +72,10 @@ def parameter_keys():
 
 def _native(labels):
     # Cells are read in place in any memory order; only big-endian numbers need a copy.
+    # numpy is imported here, not with the package, so that importing nmrwalk needs only
+    # the interpreter (help(), MINERALS, parameter_keys()).
+    import numpy as np
+
     if isinstance(labels, np.ndarray) and not labels.dtype.isnative:
         return labels.astype(labels.dtype.newbyteorder("="))
     return labels
