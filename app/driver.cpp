@@ -195,15 +195,14 @@ private:
             }
             return 0;
         }
-        const std::uint32_t next = common;
         *stream_ = saved->stream;
         histogram_.restore(saved->counts, saved->localMaximum);
-        const long long done = mpi::allReduce(static_cast<long long>(next), MPI_SUM);
+        const long long done = mpi::allReduce(static_cast<long long>(common), MPI_SUM);
         if (rank_ == kRoot) {
             std::cout << "Resuming from checkpoint: " << done << " of "
                       << parameters_->numberOfWalkers() << " walkers" << std::endl;
         }
-        return next;
+        return common;
     }
 
     // After a poll: when the interval has passed, every process saves where it stands.

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -109,13 +110,6 @@ std::unique_ptr<Parameters> parametersFromFile(const std::string& path) {
     return parametersWith(document[parameterRootKey()], path);
 }
 
-py::dict t2SummaryOf(const std::vector<double>& t2, const std::vector<double>& amplitude) {
-    py::dict out;
-    for (const auto& [name, value] : tools::summaryEntries(tools::summariseT2(t2, amplitude)))
-        out[py::str(name)] = value;
-    return out;
-}
-
 py::dict summaryOf(const LocalRun& run) {
     py::dict out;
     for (const RockSummaryEntry& entry : run.summaryEntries) {
@@ -131,7 +125,8 @@ py::dict summaryOf(const LocalRun& run) {
             entry.value);
     }
     const t2::T2Distribution& d = run.results.distribution;
-    for (const auto& [name, value] : t2SummaryOf(d.t2, d.amplitude)) out[name] = value;
+    for (const auto& [name, value] : tools::summaryEntries(tools::summariseT2(d.t2, d.amplitude)))
+        out[py::str(name)] = value;
     return out;
 }
 
@@ -359,10 +354,9 @@ py::tuple readGrid(const std::string& path) {
     const std::uint32_t nx = grid->nx(), ny = grid->ny(), nz = grid->nz();
     py::array_t<std::uint8_t> codes(
         {static_cast<py::ssize_t>(nz), static_cast<py::ssize_t>(ny), static_cast<py::ssize_t>(nx)});
-    auto out = codes.mutable_unchecked<3>();
+    // Loaded without margins, so each slice is nx * ny contiguous cells, x fastest.
     for (std::uint32_t z = 0; z < nz; ++z)
-        for (std::uint32_t y = 0; y < ny; ++y)
-            for (std::uint32_t x = 0; x < nx; ++x) out(z, y, x) = grid->at(x, y, z);
+        std::memcpy(codes.mutable_data(z, 0, 0), grid->sliceData(z), std::size_t{nx} * ny);
     return py::make_tuple(codes, grid->cellSize());
 }
 

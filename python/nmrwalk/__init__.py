@@ -114,17 +114,18 @@ class _ProgressBar:
             self._stream.flush()
 
 
-def _parameter_overrides(params):
-    """(path, YAML text of the overrides) for the params argument of simulate and fit."""
+def _parameter_overrides(params, seed):
+    """(path, YAML text of the overrides) for the params argument of simulate and fit.
+
+    Unknown keys are refused by the compiled part, for a dict as for a file.
+    """
+    if seed is not None and not isinstance(seed, int):
+        raise TypeError("seed must be an integer")
     if isinstance(params, (str, bytes, os.PathLike)):
         return os.fsdecode(params), "{}"
     if not isinstance(params, dict):
         raise TypeError("params must be a dict of nmr.yaml settings or a path to one, not %s"
                         % type(params).__name__)
-    keys = set(_nmrwalk.parameter_keys())
-    for key in params:
-        if key not in keys:
-            raise KeyError(key)
     if "subsampleCalculation" not in params:
         warnings.warn("subsampleCalculation defaults to true with the regionOfInterest of "
                       "nmrwalk -p (x 10-20, y 20-30, z 3-9): only that box is walked; pass "
@@ -155,9 +156,7 @@ def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=Fa
     KeyboardInterrupt. The result equals, bit for bit, nmrwalk's T2decay.out and
     T2inversion.out on one process for the same grid, parameters and seed.
     """
-    path, overrides = _parameter_overrides(params)
-    if seed is not None and not isinstance(seed, int):
-        raise TypeError("seed must be an integer")
+    path, overrides = _parameter_overrides(params, seed)
     bar = _ProgressBar() if progress else None
     try:
         fields = _nmrwalk.simulate(_native(labels), float(cell_size_um), minerals, path, overrides,
@@ -218,9 +217,7 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
 
     Returns a FitResult. The walk holds the GIL released but is not interrupted by Ctrl-C.
     """
-    path, overrides = _parameter_overrides(params)
-    if seed is not None and not isinstance(seed, int):
-        raise TypeError("seed must be an integer")
+    path, overrides = _parameter_overrides(params, seed)
     names = [fit] if isinstance(fit, str) else list(fit or [])
     return FitResult(_nmrwalk.fit(_native(labels), float(cell_size_um), minerals, path,
                                   overrides, seed, time_ms, amplitude, names,
