@@ -17,7 +17,7 @@ namespace {
 // the curvature of a decay in its relaxivities and large against rounding.
 constexpr double kStep = 0.05;
 
-std::vector<double> simulatedTimes(const ContactHistories& histories, const RecordedRun& run,
+std::vector<double> simulatedTimes(const ExpandedHistories& histories, const RecordedRun& run,
                                    unsigned threads) {
     const SurvivalSums sums = survivalSums(histories, run, run.relaxivity, threads);
     const std::size_t kept = keptIntervals(totalSurvival(sums, {}));
@@ -162,10 +162,10 @@ Misfit misfit(const std::vector<double>& simulated, const std::vector<double>& m
 
 RelaxivityFit::RelaxivityFit(const ContactHistories& histories, const RecordedRun& run,
                              const MeasuredDecay& measured, unsigned threads)
-    : histories_(histories),
+    : histories_(expandHistories(histories)),
       run_(run),
       threads_(threads),
-      times_(simulatedTimes(histories, run, threads)),
+      times_(simulatedTimes(histories_, run, threads)),
       window_(measured, times_) {}
 
 MineralValueMap<double> RelaxivityFit::relaxivities(const std::vector<Mineral::Type>& minerals,

@@ -81,6 +81,8 @@ class RelaxivityFit {
 public:
     static constexpr int kResamples = 200;
 
+    // Keeps its own expanded copy of the histories (see ExpandedHistories), so the caller
+    // may release its byte stream once the fit is made.
     RelaxivityFit(const ContactHistories& histories, const RecordedRun& run,
                   const MeasuredDecay& measured, unsigned threads);
 
@@ -119,7 +121,7 @@ private:
                                    const MineralValueMap<double>& relaxivity,
                                    const std::vector<double>& chunkWeights) const;
 
-    const ContactHistories& histories_;
+    const ExpandedHistories histories_;
     const RecordedRun& run_;
     unsigned threads_;
     std::vector<double> times_;  // interval end times up to the cut

@@ -11,83 +11,46 @@ namespace nmr::fit {
 
 namespace {
 
-// q^n for n = 0 .. largest, q = 1 - p the survival of one contact.
-std::vector<double> powers(double p, std::uint32_t largest) {
-    const double q = 1.0 - std::clamp(p, 0.0, 1.0);
-    std::vector<double> table(static_cast<std::size_t>(largest) + 1);
-    double value = 1.0;
-    for (double& entry : table) {
-        entry = value;
-        value *= q;
+// The factor of every table entry of the records for these relaxivities: 0 for a stop,
+// 2^n for n roulettes passed, q^n for n contacts in one interval of a phase.
+std::vector<double> factorTable(const ExpandedHistories& histories, const RecordedRun& run,
+                                const MineralValueMap<double>& relaxivity) {
+    const AbsorptionPair p = absorptionFor(run, relaxivity);
+    std::vector<double> table(histories.tableSize);
+    table[ExpandedHistories::kStopEntry] = 0.0;
+    for (std::uint32_t n = 0; n <= histories.largestLevelUp; ++n) {
+        table[histories.levelBase + n] = std::ldexp(1.0, static_cast<int>(n));
+    }
+    for (std::size_t t = 0; t < histories.tableBase.size(); ++t) {
+        const bool coarse = t >= histories.slots;
+        const Mineral::Type code = run.plan.minerals[coarse ? t - histories.slots : t];
+        const double q = 1.0 - std::clamp((coarse ? p.coarse : p.fine)[code], 0.0, 1.0);
+        double value = 1.0;
+        for (std::uint32_t n = 0; n <= histories.tableCount[t]; ++n) {
+            table[histories.tableBase[t] + n] = value;
+            value *= q;
+        }
     }
     return table;
 }
 
-// q^n for every slot, n = 0 .. the largest count in one interval, fine phase then coarse,
-// in one flat array: entry (phase * slots + slot) * stride + n.
-struct PowerTables {
-    std::vector<double> values;
-    std::size_t stride = 0;
-    std::size_t slots = 0;
-    const double* phase(bool coarse) const { return values.data() + (coarse ? slots * stride : 0); }
-};
-
-PowerTables powerTables(const ContactHistories& histories, const RecordedRun& run,
-                        const MineralValueMap<double>& relaxivity) {
-    const AbsorptionPair p = absorptionFor(run, relaxivity);
-    PowerTables tables;
-    tables.slots = run.plan.slots();
-    for (std::size_t s = 0; s < tables.slots; ++s) {
-        tables.stride = std::max<std::size_t>(
-            tables.stride,
-            std::max(histories.largestFine[s], histories.largestCoarse[s]) + std::size_t{1});
-    }
-    tables.values.assign(2 * tables.slots * tables.stride, 1.0);
-    for (std::size_t s = 0; s < tables.slots; ++s) {
-        const Mineral::Type code = run.plan.minerals[s];
-        const auto fine = powers(p.fine[code], histories.largestFine[s]);
-        const auto coarse = powers(p.coarse[code], histories.largestCoarse[s]);
-        std::copy(fine.begin(), fine.end(),
-                  tables.values.begin() + static_cast<std::ptrdiff_t>(s * tables.stride));
-        std::copy(coarse.begin(), coarse.end(),
-                  tables.values.begin() +
-                      static_cast<std::ptrdiff_t>((tables.slots + s) * tables.stride));
-    }
-    return tables;
-}
-
 // One chunk: a running difference per interval of the walkers' weighted survival, summed
-// up at the end. A walker's survival only changes in intervals with contacts and where the
-// roulette stopped it, so the cost is one update per recorded interval.
-std::vector<double> chunkSums(const HistoryChunk& chunk, const ContactHistories& histories,
-                              const RecordedRun& run, const PowerTables& tables) {
-    const std::size_t intervals = run.intervalEndTime.size();
-    const std::uint32_t fineIntervals = histories.fineIntervals;
-    const std::size_t stride = tables.stride;
-    const double* const fine = tables.phase(false);
-    const double* const coarse = tables.phase(true);
-    std::vector<double> change(intervals + 1, 0.0);
-    const std::uint8_t* p = chunk.bytes.data();
-    const std::uint8_t* end = p + chunk.bytes.size();
-    for (std::uint32_t w = 0; w < chunk.walkers; ++w) {
-        // Survival is a product over contacts, so each interval's counts multiply it by
-        // q^count; the weight doubles with every roulette passed.
-        double survival = 1.0;
-        double weight = 1.0;
-        double weighted = 1.0;  // weight times survival, 1 before any contact
-        auto contacts = [&](std::uint32_t interval, std::uint32_t slot, std::uint32_t count) {
-            survival *= (interval < fineIntervals ? fine : coarse)[slot * stride + count];
-        };
-        auto entry = [&](std::uint32_t interval, std::uint32_t levelUp) {
-            if (levelUp != 0) [[unlikely]]
-                weight = std::ldexp(weight, static_cast<int>(levelUp));
-            const double next = weight * survival;
-            change[interval] += next - weighted;
-            weighted = next;
-        };
-        StopInterval stop = 0;
-        p = decodeWalker<false>(p, end, histories.slots, contacts, entry, stop);
-        if (stop < intervals) change[stop] -= weighted;
+// up at the end. Every record multiplies the walker's weighted survival by its factor and
+// adds the change to its interval; a stop (factor 0) takes the walker's whole weight out
+// where the roulette stopped it and starts the next walker at 1.
+std::vector<double> chunkSums(const ExpandedChunk& chunk, std::size_t intervals,
+                              const std::vector<double>& table) {
+    constexpr unsigned kBits = ExpandedHistories::kIntervalBits;
+    std::vector<double> change(
+        std::max<std::size_t>(intervals, ExpandedHistories::kIntervalMask) + 1, 0.0);
+    const double* const factor = table.data();
+    double* const delta = change.data();
+    double weighted = 1.0;
+    for (const std::uint32_t record : chunk.records) {
+        const std::uint32_t entry = record >> kBits;
+        const double next = weighted * factor[entry];
+        delta[record & ExpandedHistories::kIntervalMask] += next - weighted;
+        weighted = entry == ExpandedHistories::kStopEntry ? 1.0 : next;
     }
     std::vector<double> sums(intervals);
     double running = static_cast<double>(chunk.walkers);
@@ -107,16 +70,17 @@ AbsorptionPair absorptionFor(const RecordedRun& run, const MineralValueMap<doubl
     return p;
 }
 
-SurvivalSums survivalSums(const ContactHistories& histories, const RecordedRun& run,
+SurvivalSums survivalSums(const ExpandedHistories& histories, const RecordedRun& run,
                           const MineralValueMap<double>& relaxivity, unsigned threads) {
-    const PowerTables tables = powerTables(histories, run, relaxivity);
+    const std::vector<double> table = factorTable(histories, run, relaxivity);
+    const std::size_t intervals = run.intervalEndTime.size();
     SurvivalSums sums;
     const std::size_t chunks = histories.chunks.size();
     sums.perChunk.resize(chunks);
     sums.walkers.resize(chunks);
     auto work = [&](std::size_t first, std::size_t step) {
         for (std::size_t c = first; c < chunks; c += step) {
-            sums.perChunk[c] = chunkSums(histories.chunks[c], histories, run, tables);
+            sums.perChunk[c] = chunkSums(histories.chunks[c], intervals, table);
             sums.walkers[c] = histories.chunks[c].walkers;
         }
     };

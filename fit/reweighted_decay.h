@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "fit/contact_histories.h"
+#include "fit/expanded_histories.h"
 #include "grid/mineral_value_map.h"
 #include "walk/decay_curve.h"
 #include "walk/recording_walk.h"
@@ -50,7 +50,7 @@ AbsorptionPair absorptionFor(const RecordedRun& run, const MineralValueMap<doubl
 
 // Survival sums of the recorded walkers for these relaxivities (every mineral code;
 // those not recorded do not matter). `threads` share the chunks.
-SurvivalSums survivalSums(const ContactHistories& histories, const RecordedRun& run,
+SurvivalSums survivalSums(const ExpandedHistories& histories, const RecordedRun& run,
                           const MineralValueMap<double>& relaxivity, unsigned threads = 1);
 
 // The surviving weight at the end of every interval, summed over the chunks with their

@@ -285,7 +285,7 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
     const fit::RecordedRun run = fit::describeRecordedRun(
         *parameters, walk.summary, walk.plan, walk.grid.grid(), tools::floorsOf(request, options));
     RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
-    const fit::ContactHistories histories = walk.grid.visit([&](const auto& g) {
+    fit::ContactHistories histories = walk.grid.visit([&](const auto& g) {
         return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
                                   fit::chunkWalkersFor(parameters->numberOfWalkers()));
     });
@@ -293,6 +293,7 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
 
     const fit::RelaxivityFit fitter(histories, run, {measured.times, measured.values},
                                     std::max(1u, std::thread::hardware_concurrency()));
+    histories = {};  // the fitter evaluates its own expanded copy
     tools::checkWindow(fitter.window(), measured, options.measured);
     const fit::FitResult result =
         fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));

@@ -206,6 +206,7 @@ private:
         const unsigned threads = std::max(1u, std::thread::hardware_concurrency());
         fit::MeasuredDecay measured{measured_.times, measured_.values};
         const fit::RelaxivityFit fitter(recorded_->histories, recorded_->run, measured, threads);
+        recorded_->histories = {};  // the fitter evaluates its own expanded copy
         checkWindow(fitter.window(), measured_, options_.measured);
         if (options_.sweep) {
             printSweep(std::cout, fitter, *options_.sweep, *parameters_);

@@ -78,7 +78,8 @@ TEST_F(Fit, ReweightedDecayAtTheFilesRelaxivitiesAgreesWithTheRunWithinItsMonteC
 
     const fit::RecordedWalk walk = fit::readRecordedWalk((dir_ / "fit.walk").string());
     EXPECT_EQ(walk.histories.walkers(), static_cast<std::uint64_t>(walkers));
-    const auto sums = fit::survivalSums(walk.histories, walk.run, walk.run.relaxivity, 2);
+    const auto sums =
+        fit::survivalSums(fit::expandHistories(walk.histories), walk.run, walk.run.relaxivity, 2);
     const DecayCurve curve = fit::reweightedDecay(sums, walk.run, walk.run.relaxivity, false);
     const auto run = columns(dir_.read("measured.txt"));
     ASSERT_GT(run.size(), 50u);

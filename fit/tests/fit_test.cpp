@@ -153,7 +153,7 @@ TEST(ReweightedDecay, SurvivalIsTheProductOverContactsTimesTheRouletteWeight) {
     // Walker A: 2 fine contacts in interval 1, 1 coarse contact and a roulette passed in
     // interval 3, stopped by the roulette in interval 5. Walker B never touches a wall.
     const std::vector<History> walkers = {{{{1, {2}, 0}, {3, {1}, 1}}, 5}, {{}, 6}};
-    ContactHistories histories = encode(walkers, 1, 2, 1);
+    const ExpandedHistories histories = expandHistories(encode(walkers, 1, 2, 1));
     const SurvivalSums sums = survivalSums(histories, run, run.relaxivity, 2);
     ASSERT_EQ(sums.perChunk.size(), 2u);
     const std::vector<double> a = {1.0, 0.81, 0.81, 2 * 0.81 * 0.8, 2 * 0.81 * 0.8, 0.0};
@@ -177,6 +177,63 @@ TEST(ReweightedDecay, SurvivalIsTheProductOverContactsTimesTheRouletteWeight) {
     MineralValueMap<double> doubled;
     doubled.set(Mineral::Quartz, 2.0);
     EXPECT_NEAR(survivalSums(histories, run, doubled).perChunk[0][3], 2 * 0.64 * 0.6, 1e-15);
+}
+
+TEST(ReweightedDecay, ExpandedRecordsGiveTheSurvivalOfEveryHistoryWhateverTheCounts) {
+    // Random histories over 13 slots (counts up to 10^5, up to 3 roulettes at once) against
+    // the product written out walker by walker; once with the usual tables and once with
+    // tables so short that most counts are split into several factors.
+    constexpr std::uint32_t kSlots = 13;
+    RecordedRun run = smallRun();
+    run.intervalEndTime.assign(kIntervalCount, 1.0);
+    run.fineIntervals = 40;
+    std::vector<Mineral::Type> minerals;
+    for (std::uint32_t s = 0; s < kSlots; ++s) {
+        minerals.push_back(static_cast<Mineral::Type>(s + 1));
+        run.relaxivity.set(minerals.back(), 1e-3 * (s + 1));  // fine p = 1e-4 (s + 1)
+    }
+    const std::vector<double> none(Mineral::count(), 1.0);
+    run.plan = makeRecordingPlan(minerals, none, none);
+    const AbsorptionPair p = absorptionFor(run, run.relaxivity);
+
+    auto walkers = randomHistories(kSlots, 200, 11u);
+    // A survival is a sum of per-interval changes, so its rounding error scales with the
+    // largest weighted survival a walker reaches; a real roulette keeps that near 1, so
+    // the random roulettes here pass at most 3 levels.
+    std::vector<double> expected(kIntervalCount, 0.0);
+    double largestWeighted = 0.0;
+    for (History& h : walkers) {
+        for (Entry& e : h.entries) e.level = std::min(e.level, 3);
+        double weighted = 1.0;
+        std::size_t next = 0;
+        for (std::uint32_t i = 0; i < kIntervalCount; ++i) {
+            for (; next < h.entries.size() && h.entries[next].interval == i; ++next) {
+                const Entry& e = h.entries[next];
+                weighted = std::ldexp(1.0, e.level);
+                for (std::size_t t = 0; t <= next; ++t) {
+                    for (std::uint32_t s = 0; s < kSlots; ++s) {
+                        const double q = 1.0 - (h.entries[t].interval < run.fineIntervals
+                                                    ? p.fine[minerals[s]]
+                                                    : p.coarse[minerals[s]]);
+                        weighted *= std::pow(q, h.entries[t].counts[s]);
+                    }
+                }
+            }
+            if (i >= h.stop) weighted = 0.0;
+            expected[i] += weighted;
+            largestWeighted = std::max(largestWeighted, weighted);
+        }
+    }
+    const ContactHistories histories = encode(walkers, kSlots, run.fineIntervals, 50);
+    for (std::uint32_t largest : {ExpandedHistories::kLargestTableCount, 7u}) {
+        SCOPED_TRACE(largest);
+        const SurvivalTotals totals = totalSurvival(
+            survivalSums(expandHistories(histories, largest), run, run.relaxivity, 3), {});
+        EXPECT_EQ(totals.walkers, 200.0);
+        for (std::uint32_t i = 0; i < kIntervalCount; ++i) {
+            ASSERT_NEAR(totals.surviving[i], expected[i], 1e-12 * (200.0 * largestWeighted)) << i;
+        }
+    }
 }
 
 TEST(MeasuredWindow, PointsInsideTheSimulationAreComparedAtAFreeScale) {
