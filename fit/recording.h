@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "fit/contact_histories.h"
@@ -8,6 +10,7 @@
 #include "grid/grid.h"
 #include "params/nmr_parameters.h"
 #include "simulation/rock_summary.h"
+#include "simulation/walker_loop.h"
 #include "walk/random_stream.h"
 #include "walk/recording_walk.h"
 #include "walk/walker.h"
@@ -35,17 +38,22 @@ inline std::uint32_t rouletteSeed(std::int32_t randomSeed, int rank) {
 std::uint32_t chunkWalkersFor(std::int64_t total);
 
 // Records this process's walkers in order, with `stream` drawing exactly what a run would
-// and `roulette` deciding which walkers go on.
+// and `roulette` deciding which walkers go on. `poll` (walkers done, walkers), when given,
+// is called before the first walker and every kPollInterval walkers, as a local run polls;
+// it returning false stops the recording, and nothing is returned.
 template <typename G>
-ContactHistories recordWalkers(const G& grid, const std::vector<Walker>& walkers,
-                               RandomStream& stream, RandomStream& roulette, const RecordedRun& run,
-                               const WalkPlan& walk, std::uint32_t chunkWalkers) {
+std::optional<ContactHistories> recordWalkers(
+    const G& grid, const std::vector<Walker>& walkers, RandomStream& stream, RandomStream& roulette,
+    const RecordedRun& run, const WalkPlan& walk, std::uint32_t chunkWalkers,
+    const std::function<bool(std::uint32_t done, std::uint32_t total)>& poll = {}) {
     ContactHistories histories;
     HistoryRecorder recorder(histories, static_cast<std::uint32_t>(run.plan.slots()),
                              walk.schedule.fineIntervals, chunkWalkers);
     const WalkGridView<G> view = makeWalkGridView(grid);
-    for (const Walker& walker : walkers) {
-        recordWalker(stream, roulette, walker, view, walk, run.plan, recorder);
+    const auto total = static_cast<std::uint32_t>(walkers.size());
+    for (std::uint32_t i = 0; i < total; ++i) {
+        if (poll && i % kPollInterval == 0 && !poll(i, total)) return std::nullopt;
+        recordWalker(stream, roulette, walkers[i], view, walk, run.plan, recorder);
     }
     return histories;
 }

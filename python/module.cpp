@@ -262,7 +262,8 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
                        const py::object& path, const std::string& overrides, const py::object& seed,
                        const py::array_t<double, py::array::forcecast>& times,
                        const py::array_t<double, py::array::forcecast>& values,
-                       const std::vector<std::string>& fitted, const py::object& bounds) {
+                       const std::vector<std::string>& fitted, const py::object& bounds,
+                       const py::object& progress) {
     const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
     const tools::MeasuredDecay measured = measuredDecay(times, values);
     tools::FitOptions options;
@@ -274,34 +275,48 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
         options.upper = upper;
     }
     const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
+    WalkPolls polls(progress);
 
-    py::gil_scoped_release released;
-    const std::lock_guard<std::mutex> one(walking());
-    LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
-    const fit::FitRequest request =
-        tools::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
-                          walk.grid.grid().counters(), "labels");
-    tools::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
-    const fit::RecordedRun run = fit::describeRecordedRun(
-        *parameters, walk.summary, walk.plan, walk.grid.grid(), tools::floorsOf(request, options));
-    RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
-    fit::ContactHistories histories = walk.grid.visit([&](const auto& g) {
-        return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
-                                  fit::chunkWalkersFor(parameters->numberOfWalkers()));
-    });
-    walk.grid = {};
+    struct Outcome {
+        std::vector<Mineral::Type> minerals;
+        fit::FitResult result;
+        DecayCurve decay;
+    };
+    std::optional<Outcome> outcome;
+    {
+        py::gil_scoped_release released;
+        const std::lock_guard<std::mutex> one(walking());
+        LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
+        const fit::FitRequest request =
+            tools::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
+                              walk.grid.grid().counters(), "labels");
+        tools::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
+        const fit::RecordedRun run =
+            fit::describeRecordedRun(*parameters, walk.summary, walk.plan, walk.grid.grid(),
+                                     tools::floorsOf(request, options));
+        RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
+        std::optional<fit::ContactHistories> histories = walk.grid.visit([&](const auto& g) {
+            return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
+                                      fit::chunkWalkersFor(parameters->numberOfWalkers()),
+                                      std::ref(polls));
+        });
+        walk.grid = {};
+        if (histories) {
+            const fit::RelaxivityFit fitter(*histories, run, {measured.times, measured.values},
+                                            std::max(1u, std::thread::hardware_concurrency()));
+            histories.reset();  // the fitter evaluates its own expanded copy
+            tools::checkWindow(fitter.window(), measured, options.measured);
+            fit::FitResult result =
+                fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));
+            DecayCurve decay = fitter.decayAt(result.relaxivity);
+            outcome = Outcome{request.minerals, std::move(result), std::move(decay)};
+        }
+    }
+    if (!outcome) polls.raisePending();
 
-    const fit::RelaxivityFit fitter(histories, run, {measured.times, measured.values},
-                                    std::max(1u, std::thread::hardware_concurrency()));
-    histories = {};  // the fitter evaluates its own expanded copy
-    tools::checkWindow(fitter.window(), measured, options.measured);
-    const fit::FitResult result =
-        fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));
-    const DecayCurve decay = fitter.decayAt(result.relaxivity);
-
-    py::gil_scoped_acquire gil;
     std::vector<std::string> names;
-    for (Mineral::Type code : request.minerals) names.push_back(Mineral::name(code));
+    for (Mineral::Type code : outcome->minerals) names.push_back(Mineral::name(code));
+    const fit::FitResult& result = outcome->result;
     py::dict out;
     out["minerals"] = names;
     out["relaxivity"] = result.value;
@@ -310,8 +325,8 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
     out["misfit"] = result.misfit.sumOfSquares;
     out["scale"] = result.misfit.scale;
     out["evaluations"] = result.evaluations;
-    out["time_ms"] = arrayOf(decay.times);
-    out["amplitude"] = arrayOf(decay.values);
+    out["time_ms"] = arrayOf(outcome->decay.times);
+    out["amplitude"] = arrayOf(outcome->decay.values);
     return out;
 }
 
@@ -413,7 +428,7 @@ PYBIND11_MODULE(_nmrwalk, m) {
           py::arg("t2_max"), py::arg("components"));
     m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
-          py::arg("amplitude"), py::arg("fit"), py::arg("bounds"));
+          py::arg("amplitude"), py::arg("fit"), py::arg("bounds"), py::arg("progress"));
     m.def("read_grid", &readGrid, py::arg("path"));
     m.def("write_grid", &writeGrid, py::arg("path"), py::arg("labels"), py::arg("cell_size_um"),
           py::arg("minerals"));

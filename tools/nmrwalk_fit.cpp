@@ -175,7 +175,7 @@ private:
         RandomStream roulette(fit::rouletteSeed(parameters_->randomSeed(), rank_));
         const std::uint32_t chunk = fit::chunkWalkersFor(parameters_->numberOfWalkers());
         fit::ContactHistories local = grid.visit([&](const auto& g) {
-            return fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk);
+            return *fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk);
         });
         const double walkSeconds = mpi::reduce(secondsSince(start), MPI_MAX, kRoot);
         grid = {};  // collective over each node: every process lets go here

@@ -201,27 +201,34 @@ class FitResult:
 
 
 def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=None, bounds=None,
-        seed=None):
+        seed=None, progress=False):
     """Fit the surface relaxivity of each mineral to a measured decay, from one walk.
 
     As nmrwalk-fit at one process: the walk of simulate() with every walker's contacts
     with each mineral recorded, then the relaxivities that make the simulated decay match
     the measured one times a free amplitude scale (NLopt's BOBYQA on log relaxivity).
 
-    labels, cell_size_um, params, minerals, seed: as for simulate().
+    labels, cell_size_um, params, minerals, seed, progress: as for simulate().
     time_ms, amplitude: the measured decay (at least 10 points inside the simulated times).
     fit:    mineral display names to fit; by default every mineral of the rock with a
             non-zero relaxivity in params. The others keep their values.
     bounds: (lower, upper) in m/s for every fitted mineral; by default each one's value in
             params halved and doubled.
 
-    Returns a FitResult. The walk holds the GIL released but is not interrupted by Ctrl-C.
+    Returns a FitResult. The walk and the fit run with the GIL released; Ctrl-C stops the
+    walk with KeyboardInterrupt (the fit after it takes seconds).
     """
     path, overrides = _parameter_overrides(params, seed)
     names = [fit] if isinstance(fit, str) else list(fit or [])
-    return FitResult(_nmrwalk.fit(_native(labels), float(cell_size_um), minerals, path,
-                                  overrides, seed, time_ms, amplitude, names,
-                                  None if bounds is None else tuple(map(float, bounds))))
+    bar = _ProgressBar() if progress else None
+    try:
+        fields = _nmrwalk.fit(_native(labels), float(cell_size_um), minerals, path, overrides,
+                              seed, time_ms, amplitude, names,
+                              None if bounds is None else tuple(map(float, bounds)), bar)
+    finally:
+        if bar is not None:
+            bar.close()
+    return FitResult(fields)
 
 
 def invert(time_ms, amplitude, t2_min=0.0001, t2_max=10000.0, components=100):

@@ -185,15 +185,21 @@ def test_bad_input_raises_the_right_exception(tmp_path):
             nmrwalk.simulate(labels, 2.0, {"numberOfWalkers": 10}, minerals=MINERALS)
 
 
-def test_ctrl_c_stops_a_walk_with_the_gil_released():
+@pytest.mark.parametrize("call", ["simulate", "fit"])
+def test_ctrl_c_stops_a_walk_with_the_gil_released(call):
     # The interrupt comes from another thread while the walk runs: it can only arrive if
     # the walk lets go of the GIL, and it only stops the walk if the walk polls for it.
     labels = rock((30, 30, 30))
+    params = settings(numberOfWalkers=2_000_000)
+    times = np.geomspace(0.1, 1000.0, 40)
+    walk = {"simulate": lambda: nmrwalk.simulate(labels, 2.0, params, minerals=MINERALS),
+            "fit": lambda: nmrwalk.fit(labels, 2.0, params, times, np.exp(-times / 100.0),
+                                       minerals=MINERALS)}[call]
     timer = threading.Timer(0.5, _thread.interrupt_main)
     timer.start()
     started = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
-        nmrwalk.simulate(labels, 2.0, settings(numberOfWalkers=2_000_000), minerals=MINERALS)
+        walk()
     assert time.monotonic() - started < 30.0
     timer.cancel()
 
