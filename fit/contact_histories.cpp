@@ -100,7 +100,8 @@ void HistoryRecorder::stop(StopInterval interval) {
 void failDamagedHistories() { throw Exception("Contact histories are damaged"); }
 
 void checkHistories(const ContactHistories& histories, std::uint32_t intervals) {
-    if (histories.slots > 16 || histories.largestFine.size() != histories.slots ||
+    if (histories.slots > kLargestRecordedSlots ||
+        histories.largestFine.size() != histories.slots ||
         histories.largestCoarse.size() != histories.slots)
         failDamagedHistories();
     for (const HistoryChunk& chunk : histories.chunks) {
@@ -115,7 +116,7 @@ void checkHistories(const ContactHistories& histories, std::uint32_t intervals) 
             std::uint64_t level = 0;
             auto entry = [&level, intervals](std::uint32_t interval, std::uint32_t up) {
                 level += up;
-                if (interval >= intervals || level > 1000) failDamagedHistories();
+                if (interval >= intervals || level > kLargestRouletteLevel) failDamagedHistories();
             };
             StopInterval stop = 0;
             p = decodeWalker<true>(p, end, histories.slots, count, entry, stop);

@@ -27,9 +27,10 @@ namespace nmr::fit {
 //                            per slot a varint count - 1
 //   1 0 0 0 0 0 0 0 + 2 bytes   end of the walker, then its stop interval (little-endian)
 // On a grain pack with three relaxing minerals and the floor at half their relaxivities a
-// walker takes about 80 bytes, so 10^6 walkers fit in well under 100 MB; and the stream
-// decodes a byte at a time, which keeps an evaluation fast. Whole bytes rather than
-// nibbles: nibbles were about as small and twice as slow to read.
+// walker takes about 80 bytes, so 10^6 walkers fit in well under 100 MB. Whole bytes
+// rather than nibbles: nibbles were about as small and twice as slow to read. This is the
+// form that is recorded, gathered and saved; a fit decodes it once into fixed-width
+// records (see ExpandedHistories) and evaluates those.
 //
 // Walkers are kept in chunks of consecutive walkers: an evaluation reports one sum per
 // chunk, and the chunks are the units a bootstrap resamples.
@@ -43,7 +44,7 @@ struct ContactHistories {
     std::uint32_t fineIntervals = 0;  // K of the schedule: intervals below it are fine-step
     std::vector<HistoryChunk> chunks;
     // Largest count per slot in one interval of the fine and of the coarse phase: the
-    // length of the power tables an evaluation needs.
+    // length of the tables of powers an evaluation needs.
     std::vector<std::uint32_t> largestFine;
     std::vector<std::uint32_t> largestCoarse;
 
@@ -81,9 +82,8 @@ private:
 
 // Decodes every walker of every chunk with bounds checks: the intervals rise below
 // `intervals`, the schedule's length, no stream runs past its chunk, and no count passes the
-// largest counts that the power tables of an evaluation are built for. Throws nmr::Exception
-// otherwise. Histories that come from outside (a file) pass through here before anything reads them
-// unchecked.
+// largest counts recorded for its slot and phase. Throws nmr::Exception otherwise. Histories
+// that come from outside (a file) pass through here before anything reads them unchecked.
 void checkHistories(const ContactHistories& histories, std::uint32_t intervals = kIntervalCount);
 
 [[noreturn]] void failDamagedHistories();
@@ -91,8 +91,7 @@ void checkHistories(const ContactHistories& histories, std::uint32_t intervals =
 // Decodes one walker's history starting at p and returns where the next walker starts.
 // For every entry it calls onCount(interval, slot, count) for each slot touched, then
 // onEntry(interval, levelUp) with the roulettes passed in that interval; finally it sets
-// `stop` to the interval where the walker stopped. The decoder keeps its state in locals,
-// so that an evaluation's loop runs in registers. Checked decoding throws nmr::Exception
+// `stop` to the interval where the walker stopped. Checked decoding throws nmr::Exception
 // instead of reading past `end` or naming a slot beyond `slots`.
 template <bool Checked, typename OnCount, typename OnEntry>
 const std::uint8_t* decodeWalker(const std::uint8_t* p, const std::uint8_t* end,

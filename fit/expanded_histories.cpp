@@ -8,6 +8,8 @@ ExpandedHistories expandHistories(const ContactHistories& histories,
                                   std::uint32_t largestTableCount) {
     ExpandedHistories out;
     const std::uint32_t slots = histories.slots;
+    if (slots > kLargestRecordedSlots) failDamagedHistories();
+    largestTableCount = std::min(largestTableCount, ExpandedHistories::kLargestTableCount);
     out.slots = slots;
     std::uint32_t next = 1;  // after the stop's entry
     for (std::uint32_t phase = 0; phase < 2; ++phase) {
@@ -22,6 +24,7 @@ ExpandedHistories expandHistories(const ContactHistories& histories,
 
     const std::uint32_t fineIntervals = histories.fineIntervals;
     auto record = [](std::uint32_t interval, std::uint32_t entry) {
+        if (interval > ExpandedHistories::kIntervalMask) failDamagedHistories();
         return (entry << ExpandedHistories::kIntervalBits) | interval;
     };
     for (const HistoryChunk& chunk : histories.chunks) {
@@ -38,6 +41,7 @@ ExpandedHistories expandHistories(const ContactHistories& histories,
         };
         auto entry = [&](std::uint32_t interval, std::uint32_t up) {
             if (up == 0) return;
+            if (up > kLargestRouletteLevel) failDamagedHistories();
             out.largestLevelUp = std::max(out.largestLevelUp, up);
             records.push_back(record(interval, out.levelBase + up));
         };

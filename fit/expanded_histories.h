@@ -17,7 +17,7 @@ namespace nmr::fit {
 // roulette passed doubles it, and the walker's stop sets it to 0. So each record names the
 // interval where the factor applies and the factor's place in a table of values that an
 // evaluation fills for its relaxivities:
-//   bits 0-8    the interval (the schedule's 300, and 300 for a walker that never stopped)
+//   bits 0-8    the interval (one past the schedule's last for a walker that never stopped)
 //   bits 9-31   the table entry: 0 is the stop (factor 0, then the next walker starts at
 //               1); from `tableBase` q^n per phase and slot, n = 0 .. the largest count
 //               kept; from `levelBase` 2^n for n roulettes passed at once
@@ -39,9 +39,14 @@ struct ExpandedHistories {
     static constexpr std::uint32_t kIntervalMask = (1u << kIntervalBits) - 1;
     static constexpr std::uint32_t kStopEntry = 0;
     static_assert(kIntervalCount <= kIntervalMask, "an interval must fit in its bits");
-    // The largest count per slot and phase a table holds: a few MB of table even with 16
-    // slots, far inside the 23 bits of a table entry.
-    static constexpr std::uint32_t kLargestTableCount = 1u << 16;
+    // The largest count per slot and phase a table holds: at most 1 MB of table, filled
+    // at every evaluation, even with 16 slots. Counts above it are rare (a walker touching
+    // one mineral at nearly every step of a long interval) and cost a record more each.
+    static constexpr std::uint32_t kLargestTableCount = 1u << 12;
+    static_assert(1 + 2 * kLargestRecordedSlots * (kLargestTableCount + 1) + kLargestRouletteLevel +
+                          1 <
+                      (1u << (32 - kIntervalBits)),
+                  "every table entry must fit in its bits");
 
     std::uint32_t slots = 0;
     // Entry of q^0 for slot s in the fine (tableBase[s]) and the coarse
@@ -54,8 +59,10 @@ struct ExpandedHistories {
     std::vector<ExpandedChunk> chunks;
 };
 
-// The records of every walker, chunk for chunk. `largestTableCount` is a parameter only so
-// that tests can make the splitting of large counts happen.
+// The records of every walker, chunk for chunk. `largestTableCount` (at most
+// kLargestTableCount) is a parameter only so that tests can make the splitting of large
+// counts happen. Throws nmr::Exception for histories beyond the limits above, which
+// checkHistories also refuses.
 ExpandedHistories expandHistories(
     const ContactHistories& histories,
     std::uint32_t largestTableCount = ExpandedHistories::kLargestTableCount);

@@ -25,8 +25,9 @@ public:
     template <typename T>
     void put(T value) {
         static_assert(std::is_trivially_copyable_v<T>);
-        const auto* p = reinterpret_cast<const std::uint8_t*>(&value);
-        bytes.insert(bytes.end(), p, p + sizeof(T));
+        const std::size_t at = bytes.size();
+        bytes.resize(at + sizeof(T));
+        std::memcpy(bytes.data() + at, &value, sizeof(T));
     }
     void put(const std::string& text) {
         put<std::uint64_t>(text.size());
@@ -117,7 +118,8 @@ ContactHistories getHistories(Reader& in) {  // checked by checkHistories afterw
     h.fineIntervals = in.get<std::uint32_t>();
     h.largestFine = in.getVector<std::uint32_t>();
     h.largestCoarse = in.getVector<std::uint32_t>();
-    if (h.slots > 16 || h.largestFine.size() != h.slots || h.largestCoarse.size() != h.slots)
+    if (h.slots > kLargestRecordedSlots || h.largestFine.size() != h.slots ||
+        h.largestCoarse.size() != h.slots)
         throw Exception("Bad slot count in a recorded walk");
     const auto chunks = in.get<std::uint64_t>();
     if (chunks > in.left()) throw Exception("Recorded walk ends early");

@@ -60,6 +60,11 @@ RecordingPlan makeRecordingPlan(const std::vector<Mineral::Type>& minerals,
                                 const std::vector<double>& fineFloor,
                                 const std::vector<double>& coarseFloor);
 
+// A recording tracks at most one slot per mineral code, and a walker passes at most
+// kLargestRouletteLevel roulettes in all: its weight 2^level still fits a double.
+inline constexpr std::uint32_t kLargestRecordedSlots = 16;
+inline constexpr int kLargestRouletteLevel = 1000;
+
 // A roulette level that no walker survives: its survival at the floor is exactly 0.
 inline constexpr int kCertainStop = std::numeric_limits<int>::max();
 // Roulettes passed by a walker whose survival at the floor is exp(logSurvival): 0 while it
@@ -70,7 +75,7 @@ inline int rouletteLevel(double logSurvival) {
     if (!(logSurvival < -kLn2)) return 0;
     if (std::isinf(logSurvival)) return kCertainStop;
     const double level = std::ceil(-logSurvival / kLn2) - 1.0;
-    return level < 1000.0 ? static_cast<int>(level) : 1000;
+    return level < kLargestRouletteLevel ? static_cast<int>(level) : kLargestRouletteLevel;
 }
 
 // Where a recorded walker stopped: an interval index, or kIntervalCount when it walked

@@ -177,6 +177,11 @@ TEST(ReweightedDecay, SurvivalIsTheProductOverContactsTimesTheRouletteWeight) {
     MineralValueMap<double> doubled;
     doubled.set(Mineral::Quartz, 2.0);
     EXPECT_NEAR(survivalSums(histories, run, doubled).perChunk[0][3], 2 * 0.64 * 0.6, 1e-15);
+    // 60 roulettes passed at once, with one coarse contact, in interval 2.
+    const auto jump =
+        survivalSums(expandHistories(encode({{{{2, {1}, 60}}, 4}}, 1, 2, 1)), run, run.relaxivity);
+    EXPECT_EQ(jump.perChunk[0][1], 1.0);
+    EXPECT_DOUBLE_EQ(jump.perChunk[0][2], std::ldexp(0.8, 60));
 }
 
 TEST(ReweightedDecay, ExpandedRecordsGiveTheSurvivalOfEveryHistoryWhateverTheCounts) {
