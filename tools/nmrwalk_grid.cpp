@@ -110,17 +110,16 @@ int run(int argc, char** argv) {
         return 0;
     }
     const std::string kind = options.onlyPositional("geometry (slab, cylinder, sphere, pack)");
-    const auto output = options.value("--output");
-    if (!output) throw Exception("Missing option: --output");
+    const std::string& output = options.required("--output");
     const double cellSize = options.number("--cell-size", 1.0);
     const auto marginText = options.value("--margin");
     const Margins margins =
         marginText ? parseTriple(*marginText, "Margin must be M or MXxMYxMZ", 0) : Margins{0, 0, 0};
 
     const auto geometry = makeGeometry(kind, options);
-    const PoreStatistics stats = writeGeometry(*geometry, *output, cellSize, margins);
+    const PoreStatistics stats = writeGeometry(*geometry, output, cellSize, margins);
 
-    std::cout << "Wrote " << *output << ": " << geometry->nx() << " x " << geometry->ny() << " x "
+    std::cout << "Wrote " << output << ": " << geometry->nx() << " x " << geometry->ny() << " x "
               << geometry->nz() << " cells of " << cellSize << " um";
     if (margins != Margins{0, 0, 0})
         std::cout << " plus margins " << margins[0] << " " << margins[1] << " " << margins[2];

@@ -155,19 +155,17 @@ int run(int argc, char** argv) {
         return 0;
     }
     const std::string input = options.onlyPositional("input volume");
-    const auto output = options.value("--output");
-    if (!output) throw Exception("Missing option: --output");
-    const auto labelText = options.value("--labels");
-    if (!labelText) throw Exception("Missing option (e.g. --labels 0=Pore,1=Quartz): --labels");
-    const LabelMap labels = LabelMap::parse(*labelText);
+    const std::string& output = options.required("--output");
+    const LabelMap labels =
+        LabelMap::parse(options.required("--labels", "e.g. --labels 0=Pore,1=Quartz"));
     if (!std::filesystem::exists(input))
         throw FileAccessException("Input volume not found: " + input);
 
     const std::string format = formatOf(options, input);
     const OpenedVolume volume = openVolume(options, input, format);
     if (format != "raw") checkGivenSize(options, input, volume.reader->shape());
-    const PoreStatistics stats = importVolume(*volume.reader, labels, *output, *volume.voxelSize);
-    printReport(volume, labels, *output, stats);
+    const PoreStatistics stats = importVolume(*volume.reader, labels, output, *volume.voxelSize);
+    printReport(volume, labels, output, stats);
     return 0;
 }
 

@@ -57,6 +57,13 @@ std::optional<std::string> OptionParser::value(const std::string& name) const {
     return it->second;
 }
 
+const std::string& OptionParser::required(const std::string& name,
+                                          const std::string& example) const {
+    const auto it = values_.find(name);
+    if (it != values_.end()) return it->second;
+    throw Exception("Missing option" + (example.empty() ? "" : " (" + example + ")") + ": " + name);
+}
+
 std::optional<double> OptionParser::number(const std::string& name) const {
     const auto text = value(name);
     if (!text) return std::nullopt;

@@ -28,6 +28,9 @@ public:
 
     bool has(const std::string& name) const { return values_.count(name) != 0; }
     std::optional<std::string> value(const std::string& name) const;
+    // The value of an option the tool cannot do without; throws "Missing option: <name>",
+    // or "Missing option (<example>): <name>" when an example of its value is given.
+    const std::string& required(const std::string& name, const std::string& example = {}) const;
     const std::vector<std::string>& positional() const { return positional_; }
 
     double number(const std::string& name, double fallback) const;

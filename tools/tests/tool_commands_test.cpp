@@ -89,6 +89,19 @@ TEST(InvertCommand, MalformedLinesAreNamedByNumber) {
     }
 }
 
+TEST(GridTools, AMissingRequiredOptionIsNamed) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{programPath("nmrwalk-grid"), "slab", "--size", "8"},
+         "nmrwalk-grid: error: Missing option: --output"},
+        {{programPath("nmrwalk-import"), "volume.raw", "-o", "out.binc"},
+         "nmrwalk-import: error: Missing option (e.g. --labels 0=Pore,1=Quartz): --labels"}};
+    for (const auto& [command, expected] : cases) {
+        const CommandResult r = runCommand(command);
+        EXPECT_EQ(r.exitStatus, 1) << command[0];
+        EXPECT_NE(r.errorOutput.find(expected), std::string::npos) << r.errorOutput;
+    }
+}
+
 class PlotCommand : public ::testing::Test {
 protected:
     void SetUp() override {
