@@ -54,7 +54,6 @@ ExpandedHistories expandHistories(const ContactHistories& histories,
         }
         records.shrink_to_fit();
     }
-    out.tableSize = out.levelBase + out.largestLevelUp + 1;
     return out;
 }
 

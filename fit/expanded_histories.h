@@ -53,10 +53,11 @@ struct ExpandedHistories {
     // (tableBase[slots + s]) phase, and the largest count held after it.
     std::vector<std::uint32_t> tableBase;
     std::vector<std::uint32_t> tableCount;
-    std::uint32_t levelBase = 0;  // entry of 2^0
+    std::uint32_t levelBase = 0;  // entry of 2^0, the table's last part
     std::uint32_t largestLevelUp = 0;
-    std::uint32_t tableSize = 0;
     std::vector<ExpandedChunk> chunks;
+
+    std::uint32_t tableSize() const { return levelBase + largestLevelUp + 1; }
 };
 
 // The records of every walker, chunk for chunk. `largestTableCount` (at most

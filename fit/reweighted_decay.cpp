@@ -16,7 +16,7 @@ namespace {
 std::vector<double> factorTable(const ExpandedHistories& histories, const RecordedRun& run,
                                 const MineralValueMap<double>& relaxivity) {
     const AbsorptionPair p = absorptionFor(run, relaxivity);
-    std::vector<double> table(histories.tableSize);
+    std::vector<double> table(histories.tableSize());
     table[ExpandedHistories::kStopEntry] = 0.0;
     for (std::uint32_t n = 0; n <= histories.largestLevelUp; ++n) {
         table[histories.levelBase + n] = std::ldexp(1.0, static_cast<int>(n));
