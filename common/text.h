@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <string>
 
 namespace nmr {
@@ -7,5 +9,12 @@ namespace nmr {
 // The text without leading and trailing blanks, tabs, carriage returns and line feeds: the
 // white space that file formats and command lines alike ignore around a value.
 std::string trim(const std::string& text);
+
+// Whole-string conversions; `what` starts the message, the text follows after ": ".
+std::int64_t parseInteger(const std::string& text, const std::string& what);
+double parseDouble(const std::string& text, const std::string& what);
+// "N" for a cube or "NXxNYxNZ"; every entry at least `minimum`.
+std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
+                                         std::uint32_t minimum);
 
 }  // namespace nmr

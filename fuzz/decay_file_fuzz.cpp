@@ -5,15 +5,15 @@
 #include <cmath>
 #include <cstdint>
 
+#include "analysis/decay_file.h"
 #include "common/exception.h"
 #include "fuzz/fuzz_support.h"
-#include "tools/decay_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace nmr;
     const std::string path = fuzz::writeScratch("decay.txt", data, size);
     try {
-        const tools::MeasuredDecay decay = tools::readDecayFile(path);
+        const analysis::MeasuredDecay decay = analysis::readDecayFile(path);
         if (decay.times.empty() || decay.times.size() != decay.values.size())
             fuzz::violated("times and values differ in number");
         if (decay.columns != 2 && decay.columns != 4) fuzz::violated("column count not 2 or 4");

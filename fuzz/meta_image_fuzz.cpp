@@ -9,17 +9,17 @@
 #include "common/exception.h"
 #include "fuzz/fuzz_support.h"
 #include "fuzz/volume_support.h"
-#include "tools/meta_image.h"
+#include "rock/meta_image.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace nmr;
     const std::string path = fuzz::writeScratch("volume.mhd", data, size);
     fuzz::writeScratch("volume.raw", data, size);
     try {
-        const tools::MetaImageHeader header = tools::readMetaImageHeader(path);
+        const rock::MetaImageHeader header = rock::readMetaImageHeader(path);
         const std::filesystem::path dataPath(header.dataPath);
         if (dataPath == path || dataPath == fuzz::scratchPath("volume.raw")) {
-            const auto reader = tools::openMetaImage(header);
+            const auto reader = rock::openMetaImage(header);
             fuzz::readAllSlices(*reader);
         }
     } catch (const Exception&) {

@@ -23,8 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace nmr;
     constexpr std::size_t kShapeBytes = 13;
     if (size < kShapeBytes) return 0;
-    tools::VolumeShape shape;
-    shape.type = static_cast<tools::VoxelType>(data[0] & 3u);
+    rock::VolumeShape shape;
+    shape.type = static_cast<rock::VoxelType>(data[0] & 3u);
     const bool bigEndian = (data[0] & 4u) != 0;
     shape.nx = le32(data + 1);
     shape.ny = le32(data + 5);
@@ -32,12 +32,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::size_t bytes = size - kShapeBytes;
     if (shape.nz == 0 && shape.nx != 0 && shape.ny != 0) {
         const std::uint64_t slice =
-            std::uint64_t{shape.nx} * shape.ny * tools::bytesPerVoxel(shape.type);
+            std::uint64_t{shape.nx} * shape.ny * rock::bytesPerVoxel(shape.type);
         shape.nz = static_cast<std::uint32_t>(std::min<std::uint64_t>(bytes / slice, 0xFFFFFFFFu));
     }
     const std::string path = fuzz::writeScratch("volume.raw", data + kShapeBytes, bytes);
     try {
-        tools::RawVolumeReader reader(path, shape, bigEndian);
+        rock::RawVolumeReader reader(path, shape, bigEndian);
         fuzz::readAllSlices(reader);
     } catch (const Exception&) {
     }

@@ -18,9 +18,11 @@
 #include <thread>
 #include <vector>
 
+#include "analysis/t2_summary.h"
 #include "common/exception.h"
 #include "common/logger.h"
 #include "common/progress_reporter.h"
+#include "fit/fit_request.h"
 #include "fit/recording.h"
 #include "fit/relaxivity_fit.h"
 #include "io/grain_bed_grid_writer.h"
@@ -30,8 +32,6 @@
 #include "simulation/local_run.h"
 #include "simulation/run_setup.h"
 #include "t2/t2_inversion.h"
-#include "tools/fit_options.h"
-#include "tools/t2_summary.h"
 
 namespace py = pybind11;
 
@@ -125,7 +125,8 @@ py::dict summaryOf(const LocalRun& run) {
             entry.value);
     }
     const t2::T2Distribution& d = run.results.distribution;
-    for (const auto& [name, value] : tools::summaryEntries(tools::summariseT2(d.t2, d.amplitude)))
+    for (const auto& [name, value] :
+         analysis::summaryEntries(analysis::summariseT2(d.t2, d.amplitude)))
         out[py::str(name)] = value;
     return out;
 }
@@ -236,9 +237,9 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
     return out;
 }
 
-tools::MeasuredDecay measuredDecay(const py::array_t<double, py::array::forcecast>& times,
-                                   const py::array_t<double, py::array::forcecast>& values) {
-    tools::MeasuredDecay measured;
+analysis::MeasuredDecay measuredDecay(const py::array_t<double, py::array::forcecast>& times,
+                                      const py::array_t<double, py::array::forcecast>& values) {
+    analysis::MeasuredDecay measured;
     measured.times = listOf(times, "time_ms");
     measured.values = listOf(values, "amplitude");
     if (measured.times.size() != measured.values.size()) {
@@ -265,8 +266,8 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
                        const std::vector<std::string>& fitted, const py::object& bounds,
                        const py::object& progress) {
     const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
-    const tools::MeasuredDecay measured = measuredDecay(times, values);
-    tools::FitOptions options;
+    const analysis::MeasuredDecay measured = measuredDecay(times, values);
+    fit::FitChoice options;
     options.measured = "the measured decay";
     options.minerals = fitted;
     if (!bounds.is_none()) {
@@ -288,12 +289,12 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
         const std::lock_guard<std::mutex> one(walking());
         LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
         const fit::FitRequest request =
-            tools::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
-                              walk.grid.grid().counters(), "labels");
-        tools::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
+            fit::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
+                            walk.grid.grid().counters(), "labels");
+        fit::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
         const fit::RecordedRun run =
             fit::describeRecordedRun(*parameters, walk.summary, walk.plan, walk.grid.grid(),
-                                     tools::floorsOf(request, options));
+                                     fit::floorsOf(request, options));
         RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
         std::optional<fit::ContactHistories> histories = walk.grid.visit([&](const auto& g) {
             return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
@@ -305,7 +306,7 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
             const fit::RelaxivityFit fitter(*histories, run, {measured.times, measured.values},
                                             std::max(1u, std::thread::hardware_concurrency()));
             histories.reset();  // the fitter evaluates its own expanded copy
-            tools::checkWindow(fitter.window(), measured, options.measured);
+            fit::checkWindow(fitter.window(), measured, options.measured);
             fit::FitResult result =
                 fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));
             DecayCurve decay = fitter.decayAt(result.relaxivity);

@@ -76,21 +76,6 @@ Mineral::Type knownMineral(const std::string& name, const std::string& option) {
     return Mineral::fromName(name);
 }
 
-std::string number(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
-}
-
-std::string relaxivityText(const MineralValueMap<double>& map) {
-    std::string text;
-    for (const auto& [code, value] : map.entries()) {
-        if (value == 0.0) continue;
-        text += Mineral::name(code) + " " + number(value) + "; ";
-    }
-    return text;
-}
-
 }  // namespace
 
 FitOptions parseFitOptions(int argc, const char* const* argv) {
@@ -104,29 +89,30 @@ FitOptions parseFitOptions(int argc, const char* const* argv) {
         return options;
     }
     options.measured = parser.onlyPositional("measured decay file");
+    options.choice.measured = options.measured;
     if (auto text = parser.value("--minerals")) {
         for (const std::string& name : split(*text, ',')) {
             knownMineral(name, "--minerals");
-            if (std::find(options.minerals.begin(), options.minerals.end(), name) ==
-                options.minerals.end())
-                options.minerals.push_back(name);
+            if (std::find(options.choice.minerals.begin(), options.choice.minerals.end(), name) ==
+                options.choice.minerals.end())
+                options.choice.minerals.push_back(name);
         }
     }
     if (auto text = parser.value("--bounds")) {
         const auto parts = split(*text, ':');
         const std::string what = "--bounds needs LO:HI in m/s with 0 < LO < HI";
         if (parts.size() != 2) throw Exception(what + ": " + *text);
-        options.lower = parseDouble(parts[0], what);
-        options.upper = parseDouble(parts[1], what);
-        if (!(*options.lower > 0.0) || !(*options.upper > *options.lower) ||
-            !std::isfinite(*options.upper))
+        options.choice.lower = parseDouble(parts[0], what);
+        options.choice.upper = parseDouble(parts[1], what);
+        if (!(*options.choice.lower > 0.0) || !(*options.choice.upper > *options.choice.lower) ||
+            !std::isfinite(*options.choice.upper))
             throw Exception(what + ": " + *text);
     }
     if (auto text = parser.value("--sweep")) {
         const std::string what = "--sweep needs NAME=LO:HI:N with 0 < LO < HI and N >= 2";
         const auto equals = text->find('=');
         if (equals == std::string::npos) throw Exception(what + ": " + *text);
-        SweepRequest sweep;
+        fit::SweepRequest sweep;
         sweep.mineral = knownMineral(trim(text->substr(0, equals)), "--sweep");
         const auto parts = split(text->substr(equals + 1), ':');
         if (parts.size() != 3) throw Exception(what + ": " + *text);
@@ -137,141 +123,15 @@ FitOptions parseFitOptions(int argc, const char* const* argv) {
             points < 2 || points > 10000)
             throw Exception(what + ": " + *text);
         sweep.points = static_cast<int>(points);
-        if (!options.minerals.empty() || options.lower)
+        if (!options.choice.minerals.empty() || options.choice.lower)
             throw Exception(
                 "--sweep makes a table and fits nothing; leave out --minerals and "
                 "--bounds: " +
                 *text);
-        options.sweep = sweep;
+        options.choice.sweep = sweep;
     }
     options.output = parser.value("--output").value_or(options.output);
     return options;
-}
-
-fit::FitRequest fitRequest(const FitOptions& options, const MineralValueMap<double>& relaxivity,
-                           const std::vector<std::uint64_t>& counters,
-                           const std::string& gridName) {
-    auto inGrid = [&](Mineral::Type code) { return code < counters.size() && counters[code] > 0; };
-    std::vector<Mineral::Type> minerals;
-    if (options.sweep) {
-        minerals.push_back(options.sweep->mineral);
-    } else if (!options.minerals.empty()) {
-        for (const auto& name : options.minerals) minerals.push_back(Mineral::fromName(name));
-    } else {
-        for (Mineral::Type code : Mineral::allTypes()) {
-            if (code != Mineral::Pore && code != Mineral::Matrix && inGrid(code) &&
-                relaxivity.valueOr(code, 0.0) > 0.0)
-                minerals.push_back(code);
-        }
-        if (minerals.empty())
-            throw Exception(
-                "No mineral of the grid relaxes in nmr.yaml; name the minerals to fit "
-                "with --minerals: " +
-                gridName);
-    }
-    fit::FitRequest request;
-    for (Mineral::Type code : minerals) {
-        const std::string name = Mineral::name(code);
-        if (code == Mineral::Pore || !inGrid(code))
-            throw Exception("Mineral not in the grid " + gridName + ": " + name);
-        if (code == Mineral::Matrix)
-            throw Exception("Matrix never absorbs, so it has no relaxivity to fit: " + name);
-        double lower = 0.0, upper = 0.0;
-        if (options.sweep) {
-            lower = options.sweep->lower;
-            upper = options.sweep->upper;
-        } else if (options.lower) {
-            lower = *options.lower;
-            upper = *options.upper;
-        } else {
-            const double value = relaxivity.valueOr(code, 0.0);
-            if (!(value > 0.0))
-                throw Exception(
-                    "No relaxivity in nmr.yaml to set default bounds around; give "
-                    "--bounds for: " +
-                    name);
-            lower = value / kDefaultBoundFactor;
-            upper = value * kDefaultBoundFactor;
-        }
-        request.minerals.push_back(code);
-        request.lower.push_back(lower);
-        request.upper.push_back(upper);
-    }
-    return request;
-}
-
-MineralValueMap<double> floorsOf(const fit::FitRequest& request, const FitOptions& /*options*/) {
-    MineralValueMap<double> floor;
-    for (std::size_t i = 0; i < request.minerals.size(); ++i) {
-        floor.set(request.minerals[i], request.lower[i]);
-    }
-    return floor;
-}
-
-void checkFloorsCover(const fit::RecordedRun& run, const fit::FitRequest& request,
-                      const FitOptions& /*options*/, const std::string& recordingPath) {
-    for (std::size_t i = 0; i < request.minerals.size(); ++i) {
-        const Mineral::Type code = request.minerals[i];
-        const double floor = run.floor.valueOr(code, 0.0);
-        // A hair of slack for bounds written with fewer digits than they were recorded with.
-        if (!(floor <= request.lower[i] * (1.0 + 1e-9)) || run.plan.slotOf[code] < 0) {
-            throw Exception(recordingPath + " was recorded for " + Mineral::name(code) +
-                            " down to " + number(floor) + " m/s, and this fit goes down to " +
-                            number(request.lower[i]) + " m/s. Delete it to walk again");
-        }
-    }
-}
-
-void checkOverlap(const MeasuredDecay& measured, const std::vector<double>& simulatedTimes,
-                  const std::string& path) {
-    const double first = simulatedTimes.front();
-    const double last = simulatedTimes.back();
-    std::size_t inside = 0;
-    for (double t : measured.times) inside += (t >= first && t <= last) ? 1 : 0;
-    if (inside < fit::MeasuredWindow::kLeastPoints) {
-        throw Exception(path + " lines " + std::to_string(measured.lines.front()) + " to " +
-                        std::to_string(measured.lines.back()) + ": only " + std::to_string(inside) +
-                        " measured times lie within the simulated " + number(first) + " to " +
-                        number(last) + " ms; a fit needs " +
-                        std::to_string(fit::MeasuredWindow::kLeastPoints));
-    }
-}
-
-void checkWindow(const fit::MeasuredWindow& window, const MeasuredDecay& measured,
-                 const std::string& path) {
-    if (window.size() >= fit::MeasuredWindow::kLeastPoints) return;
-    throw Exception(path + " lines " + std::to_string(measured.lines.front()) + " to " +
-                    std::to_string(measured.lines.back()) + ": only " +
-                    std::to_string(window.size()) + " measured times lie within the simulated " +
-                    number(window.first()) + " to " + number(window.last()) +
-                    " ms that the walk reached; a fit needs " +
-                    std::to_string(fit::MeasuredWindow::kLeastPoints));
-}
-
-fit::Fingerprint walkFingerprint(const NuclearMagneticResonanceParameters& p, int processes) {
-    std::string region = "none";
-    if (const auto* r = p.regionOfInterest(); r && r->isEnabled()) {
-        const auto& box = r->regionOfInterest();
-        region = std::to_string(box.xMin) + ":" + std::to_string(box.xMax) + " " +
-                 std::to_string(box.yMin) + ":" + std::to_string(box.yMax) + " " +
-                 std::to_string(box.zMin) + ":" + std::to_string(box.zMax);
-    }
-    return {
-        {"the grid file " + p.grid(), fileChecksum(p.grid())},
-        {"the region of interest", region},
-        {"the seed", std::to_string(p.randomSeed())},
-        {"the step", number(p.stepLength())},
-        {"the number of walkers", std::to_string(p.numberOfWalkers())},
-        {"the processes", std::to_string(processes)},
-        {"the water diffusion constant", number(p.diffusionConstantWater())},
-        {"the oil diffusion constant", number(p.diffusionConstantOil())},
-        {"the clay micro porosity", number(p.clayMicroPorosity())},
-        {"the bulk water T2", number(p.bulkWaterT2())},
-        {"the gradient term", number(p.gyroMagneticRatio()) + " " +
-                                  number(p.magneticFieldGradient()) + " " +
-                                  number(p.echoSpacing())},
-        {"the water relaxivities", relaxivityText(p.surfaceRelaxationStrengthWater())},
-    };
 }
 
 }  // namespace nmr::tools

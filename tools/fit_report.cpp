@@ -10,10 +10,10 @@
 #include <iomanip>
 #include <iostream>
 
+#include "analysis/t2_summary.h"
 #include "common/exception.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
-#include "tools/t2_summary.h"
 
 namespace nmr::tools {
 
@@ -95,11 +95,11 @@ Distribution distributionOf(const std::vector<double>& times, const std::vector<
     Distribution d;
     d.t2 = std::move(inverted.t2);
     d.amplitude = std::move(inverted.amplitude);
-    d.logMeanT2 = summariseT2(d.t2, d.amplitude).logMeanT2;
+    d.logMeanT2 = analysis::summariseT2(d.t2, d.amplitude).logMeanT2;
     return d;
 }
 
-void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const SweepRequest& sweep,
+void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::SweepRequest& sweep,
                 const NuclearMagneticResonanceParameters& parameters) {
     out << "Sweep of the " << Mineral::name(sweep.mineral)
         << " relaxivity, every other mineral as in nmr.yaml, all from one walk:\n"
@@ -119,7 +119,7 @@ void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const Sweep
 }
 
 void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::FitResult& result,
-               const fit::FitRequest& request, const MeasuredDecay& measured,
+               const fit::FitRequest& request, const analysis::MeasuredDecay& measured,
                const NuclearMagneticResonanceParameters& parameters, const FitOptions& options,
                const std::string& parameterPath, const std::string& programDirectory) {
     const fit::MeasuredWindow& window = fitter.window();

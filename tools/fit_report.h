@@ -3,9 +3,9 @@
 #include <ostream>
 #include <string>
 
+#include "analysis/decay_file.h"
 #include "fit/relaxivity_fit.h"
 #include "params/nmr_parameters.h"
-#include "tools/decay_file.h"
 #include "tools/fit_options.h"
 
 namespace nmr::tools {
@@ -22,14 +22,14 @@ Distribution distributionOf(const std::vector<double>& times, const std::vector<
 
 // The what-if table of --sweep: per relaxivity the T2LM of the simulated distribution and
 // the misfit.
-void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const SweepRequest& sweep,
+void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::SweepRequest& sweep,
                 const NuclearMagneticResonanceParameters& parameters);
 
 // The fit's lines on `out`, the fitted parameter file (the parameter file at
 // parameterPath with the fitted relaxivities in place, everything else as it was), and
 // T2fit.png beside it, drawn by nmrwalk-plot from programDirectory.
 void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::FitResult& result,
-               const fit::FitRequest& request, const MeasuredDecay& measured,
+               const fit::FitRequest& request, const analysis::MeasuredDecay& measured,
                const NuclearMagneticResonanceParameters& parameters, const FitOptions& options,
                const std::string& parameterPath, const std::string& programDirectory);
 

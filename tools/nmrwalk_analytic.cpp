@@ -4,14 +4,15 @@
 #include <iostream>
 #include <string>
 
+#include "analysis/brownstein_tarr.h"
 #include "common/exception.h"
-#include "tools/brownstein_tarr.h"
 #include "tools/option_parser.h"
 
 namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using namespace nmr::analysis;
 
 constexpr char kUsage[] =
     R"(Usage: nmrwalk-analytic SHAPE --size UM --relaxivity RHO --diffusion D [options]

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "analysis/decay_file.h"
 #include "common/exception.h"
 #include "fit/recorded_walk_file.h"
 #include "fit/recording.h"
@@ -21,7 +22,6 @@
 #include "parallel/grid_distribution.h"
 #include "params/parameter_broadcast.h"
 #include "simulation/run_setup.h"
-#include "tools/decay_file.h"
 #include "tools/fit_options.h"
 #include "tools/fit_report.h"
 
@@ -29,6 +29,7 @@ namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using namespace nmr::analysis;
 using mpi::kRoot;
 
 constexpr char kParameterPath[] = "./nmr.yaml";
@@ -130,7 +131,7 @@ private:
     // Process 0: a recording left by an earlier fit serves when it was made from the same
     // grid and parameters and reaches low enough; a recording of anything else is refused.
     void tryRecordedWalk() {
-        fingerprint_ = walkFingerprint(*parameters_, size_);
+        fingerprint_ = fit::walkFingerprint(*parameters_, size_);
         if (!std::filesystem::exists(kRecordingPath)) return;
         fit::RecordedWalk walk = fit::readRecordedWalk(kRecordingPath);
         const std::string difference = fit::fingerprintDifference(walk.fingerprint, fingerprint_);
@@ -138,9 +139,9 @@ private:
             throw Exception(std::string(kRecordingPath) + " belongs to another walk: " +
                             difference + ". Delete it to walk again");
         }
-        request_ =
-            fitRequest(options_, walk.run.relaxivity, walk.run.counters, parameters_->grid());
-        checkFloorsCover(walk.run, request_, options_, kRecordingPath);
+        request_ = fit::fitRequest(options_.choice, walk.run.relaxivity, walk.run.counters,
+                                   parameters_->grid());
+        fit::checkFloorsCover(walk.run, request_, options_.choice, kRecordingPath);
         std::cout << "Reusing the recorded walk " << kRecordingPath << ": "
                   << walk.histories.walkers() << " walkers, " << walk.histories.bytes()
                   << " bytes of contact histories" << std::endl;
@@ -161,15 +162,16 @@ private:
         const WalkPlan walk = buildWalkPlan(summary, *parameters_);
         fit::RecordedRun run;
         if (!agree([&] {
-                request_ = fitRequest(options_, parameters_->surfaceRelaxationStrengthWater(),
-                                      grid.grid().counters(), parameters_->grid());
-                checkOverlap(measured_, walk.schedule.intervalEndTime, options_.measured);
+                request_ =
+                    fit::fitRequest(options_.choice, parameters_->surfaceRelaxationStrengthWater(),
+                                    grid.grid().counters(), parameters_->grid());
+                fit::checkOverlap(measured_, walk.schedule.intervalEndTime, options_.measured);
             })) {
             return false;
         }
         broadcastRequest();
         run = fit::describeRecordedRun(*parameters_, summary, walk, grid.grid(),
-                                       floorsOf(request_, options_));
+                                       fit::floorsOf(request_, options_.choice));
 
         const auto start = std::chrono::steady_clock::now();
         RandomStream roulette(fit::rouletteSeed(parameters_->randomSeed(), rank_));
@@ -207,9 +209,9 @@ private:
         fit::MeasuredDecay measured{measured_.times, measured_.values};
         const fit::RelaxivityFit fitter(recorded_->histories, recorded_->run, measured, threads);
         recorded_->histories = {};  // the fitter evaluates its own expanded copy
-        checkWindow(fitter.window(), measured_, options_.measured);
-        if (options_.sweep) {
-            printSweep(std::cout, fitter, *options_.sweep, *parameters_);
+        fit::checkWindow(fitter.window(), measured_, options_.measured);
+        if (options_.choice.sweep) {
+            printSweep(std::cout, fitter, *options_.choice.sweep, *parameters_);
         } else {
             const fit::FitResult result =
                 fitter.fit(request_, static_cast<std::uint32_t>(parameters_->randomSeed()));

@@ -7,15 +7,16 @@
 #include <string>
 
 #include "common/exception.h"
-#include "tools/grid_export.h"
-#include "tools/label_map.h"
+#include "rock/grid_export.h"
+#include "rock/label_map.h"
+#include "rock/pore_geometry.h"
 #include "tools/option_parser.h"
-#include "tools/pore_geometry.h"
 
 namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using namespace nmr::rock;
 
 constexpr char kUsage[] = R"(Usage: nmrwalk-grid GEOMETRY -o FILE.binc [options]
 

@@ -8,16 +8,17 @@
 #include <string>
 
 #include "common/exception.h"
-#include "tools/grid_export.h"
-#include "tools/label_map.h"
-#include "tools/meta_image.h"
+#include "rock/grid_export.h"
+#include "rock/label_map.h"
+#include "rock/meta_image.h"
+#include "rock/tiff_stack_reader.h"
 #include "tools/option_parser.h"
-#include "tools/tiff_stack_reader.h"
 
 namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using namespace nmr::rock;
 
 constexpr char kUsage[] = R"(Usage: nmrwalk-import INPUT -o FILE.binc --labels MAP [options]
 

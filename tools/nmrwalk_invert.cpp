@@ -7,18 +7,19 @@
 #include <iostream>
 #include <string>
 
+#include "analysis/decay_file.h"
+#include "analysis/t2_summary.h"
 #include "common/exception.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
-#include "tools/decay_file.h"
 #include "tools/option_parser.h"
-#include "tools/t2_summary.h"
 
 namespace {
 
 using namespace nmr;
 using namespace nmr::tools;
+using namespace nmr::analysis;
 
 constexpr char kUsage[] = R"(Usage: nmrwalk-invert DECAY [options]
 

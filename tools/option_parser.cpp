@@ -79,46 +79,6 @@ std::int64_t OptionParser::integer(const std::string& name, std::int64_t fallbac
     return text ? parseInteger(*text, "Option " + name + " needs an integer") : fallback;
 }
 
-std::int64_t parseInteger(const std::string& text, const std::string& what) {
-    const std::string t = trim(text);
-    char* end = nullptr;
-    errno = 0;
-    const long long v = std::strtoll(t.c_str(), &end, 10);
-    if (t.empty() || *end != '\0' || errno == ERANGE) throw Exception(what + ": " + text);
-    return v;
-}
-
-double parseDouble(const std::string& text, const std::string& what) {
-    const std::string t = trim(text);
-    char* end = nullptr;
-    errno = 0;
-    const double v = std::strtod(t.c_str(), &end);
-    if (t.empty() || *end != '\0' || errno == ERANGE || !std::isfinite(v))
-        throw Exception(what + ": " + text);
-    return v;
-}
-
-std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
-                                         std::uint32_t minimum) {
-    std::vector<std::string> parts;
-    std::size_t begin = 0;
-    for (;;) {
-        const auto x = text.find_first_of("xX", begin);
-        parts.push_back(text.substr(begin, x == std::string::npos ? std::string::npos : x - begin));
-        if (x == std::string::npos) break;
-        begin = x + 1;
-    }
-    if (parts.size() != 1 && parts.size() != 3) throw Exception(what + ": " + text);
-    std::array<std::uint32_t, 3> result{};
-    for (std::size_t i = 0; i < 3; ++i) {
-        const std::int64_t v = parseInteger(parts[parts.size() == 1 ? 0 : i], what);
-        if (v < minimum || v > std::numeric_limits<std::uint32_t>::max())
-            throw Exception(what + ": " + text);
-        result[i] = static_cast<std::uint32_t>(v);
-    }
-    return result;
-}
-
 const std::string& OptionParser::onlyPositional(const std::string& what) const {
     if (positional_.size() != 1) {
         throw Exception("Give exactly one " + what +

@@ -45,13 +45,6 @@ private:
     std::vector<std::string> positional_;
 };
 
-// Whole-string conversions; `what` starts the message, the text follows after ": ".
-std::int64_t parseInteger(const std::string& text, const std::string& what);
-double parseDouble(const std::string& text, const std::string& what);
-// "N" for a cube or "NXxNYxNZ"; every entry at least `minimum`.
-std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::string& what,
-                                         std::uint32_t minimum);
-
 // A tool's main: runs body and turns any error that escapes it into
 // "<tool>: error: <text>" on standard error and exit status 1.
 int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv);

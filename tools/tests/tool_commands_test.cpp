@@ -5,15 +5,16 @@
 #include <cmath>
 #include <fstream>
 
+#include "analysis/t2_summary.h"
 #include "t2/decay_output.h"
 #include "testutil/command.h"
 #include "testutil/temp_dir.h"
-#include "tools/t2_summary.h"
 
 namespace nmr::tools {
 namespace {
 
 using namespace test;
+using namespace analysis;
 
 // The number after "label" in a tool's console output, or NaN.
 double printed(const std::string& output, const std::string& label) {

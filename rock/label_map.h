@@ -8,7 +8,7 @@
 
 #include "grid/mineral.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // Which mineral each label of a segmented image stands for. Labels are the voxel
 // values of an 8- or 16-bit image, signed or not, so they lie in [-32768, 65535].
@@ -47,4 +47,4 @@ std::string knownMineralNames();
 // The code of an exact display name, or an nmr::Exception that lists the known names.
 Mineral::Type mineralFromName(const std::string& name);
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
-#include "tools/volume_reader.h"
+#include "rock/volume_reader.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // The parts of a MetaImage header (".mhd", or ".mha" with ElementDataFile = LOCAL)
 // that a segmented volume needs.
@@ -27,4 +27,4 @@ MetaImageHeader readMetaImageHeader(const std::string& path);
 
 std::unique_ptr<VolumeReader> openMetaImage(const MetaImageHeader& header);
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -1,11 +1,11 @@
-#include "tools/brownstein_tarr.h"
+#include "analysis/brownstein_tarr.h"
 
 #include <boost/math/special_functions/bessel.hpp>
 #include <cmath>
 
 #include "common/exception.h"
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 namespace {
 
@@ -153,4 +153,4 @@ double relaxivityForSlowestT2(PoreShape shape, double a, double d, double t2) {
     return kappa * d / a;
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

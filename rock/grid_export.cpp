@@ -1,4 +1,4 @@
-#include "tools/grid_export.h"
+#include "rock/grid_export.h"
 
 #include <filesystem>
 #include <system_error>
@@ -8,7 +8,7 @@
 #include "grid/grid.h"
 #include "io/grain_bed_grid_writer.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 namespace {
 
@@ -112,4 +112,4 @@ PoreStatistics importVolume(VolumeReader& reader, const LabelMap& labels, const 
     });
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -6,7 +6,7 @@
 
 #include "grid/mineral.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // A synthetic rock that can be rasterised one z slice at a time, so that a grid far
 // larger than memory can be streamed straight into a grid file. Coordinates are in
@@ -124,4 +124,4 @@ private:
     double porosity_ = 1.0;
 };
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

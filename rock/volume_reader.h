@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 enum class VoxelType { UInt8, Int8, UInt16, Int16 };
 
@@ -59,4 +59,4 @@ private:
 void decodeVoxels(const unsigned char* bytes, std::size_t count, VoxelType type, bool bigEndian,
                   std::int32_t* labels);
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -1,4 +1,4 @@
-#include "tools/tests/test_support.h"
+#include "rock/tests/test_support.h"
 
 #include <zlib.h>
 

@@ -1,4 +1,4 @@
-#include "tools/pore_geometry.h"
+#include "rock/pore_geometry.h"
 
 #include <algorithm>
 #include <cmath>
@@ -8,7 +8,7 @@
 
 #include "common/exception.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 namespace {
 
@@ -299,4 +299,4 @@ void SpherePack::fillSlice(std::uint32_t z, GrainBedGridCell* cells) const {
     }
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

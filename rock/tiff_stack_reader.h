@@ -4,11 +4,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/volume_reader.h"
+#include "rock/volume_reader.h"
 
 struct tiff;  // libtiff's handle, kept out of this header
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // A multi-page TIFF in which page k is slice z = k: one 8- or 16-bit sample per pixel,
 // all pages of one size, stored in strips (libtiff undoes any compression).
@@ -45,4 +45,4 @@ private:
     std::string lastError_;
 };
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

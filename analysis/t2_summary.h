@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 // Petrophysical figures of a T2 distribution (T2 in ms). Each amplitude stands for a bin
 // reaching half-way (in log T2) to its neighbours, the outer bins as wide as their inner
@@ -39,4 +39,4 @@ std::vector<std::pair<std::string, double>> summaryEntries(const T2Summary& summ
 std::string summaryJson(const T2Summary& summary,
                         const std::vector<std::pair<std::string, double>>& extra = {});
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

@@ -1,4 +1,4 @@
-#include "tools/t2_summary.h"
+#include "analysis/t2_summary.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,7 +6,7 @@
 #include <limits>
 #include <sstream>
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 namespace {
 
@@ -97,4 +97,4 @@ std::string summaryJson(const T2Summary& s,
     return out.str();
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

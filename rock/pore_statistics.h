@@ -6,7 +6,7 @@
 
 #include "grid/mineral.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // Porosity, mineral fractions and the voxel-face surface of a grid, gathered while the
 // grid streams past one z slice at a time (slices in ascending z, x fastest). Only
@@ -37,4 +37,4 @@ private:
     std::vector<std::uint8_t> previousPore_;  // pore mask of the last slice, empty before the first
 };
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

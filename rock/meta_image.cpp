@@ -1,4 +1,4 @@
-#include "tools/meta_image.h"
+#include "rock/meta_image.h"
 
 #include <filesystem>
 #include <fstream>
@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "common/exception.h"
-#include "tools/option_parser.h"
+#include "common/text.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 namespace {
 
@@ -166,4 +166,4 @@ std::unique_ptr<VolumeReader> openMetaImage(const MetaImageHeader& header) {
                                              header.dataOffset);
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

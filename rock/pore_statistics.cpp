@@ -1,6 +1,6 @@
-#include "tools/pore_statistics.h"
+#include "rock/pore_statistics.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 PoreStatistics::PoreStatistics(std::uint32_t nx, std::uint32_t ny) : nx_(nx), ny_(ny) {}
 
@@ -37,4 +37,4 @@ double PoreStatistics::surfaceToVolume(double cellSize) const {
     return static_cast<double>(faces_) / (static_cast<double>(poreCount()) * cellSize);
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -1,4 +1,4 @@
-#include "tools/volume_reader.h"
+#include "rock/volume_reader.h"
 
 #include <filesystem>
 #include <limits>
@@ -6,7 +6,7 @@
 
 #include "common/exception.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 namespace {
 
@@ -117,4 +117,4 @@ void RawVolumeReader::readSlice(std::int32_t* labels) {
     ++nextSlice_;
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -2,10 +2,10 @@
 
 #include <cmath>
 
+#include "analysis/t2_summary.h"
 #include "t2/t2_grid.h"
-#include "tools/t2_summary.h"
 
-namespace nmr::tools {
+namespace nmr::analysis {
 namespace {
 
 // Ten points per decade from 0.1 to 1000 ms: 41 points, bins 0.1 decade wide.
@@ -45,4 +45,4 @@ TEST(T2Summary, CutoffSplitsTheBinThatHoldsItInLogT2) {
 }
 
 }  // namespace
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

@@ -5,13 +5,13 @@
 
 #include "common/exception.h"
 #include "grid/grid.h"
+#include "rock/grid_export.h"
+#include "rock/pore_geometry.h"
+#include "rock/pore_statistics.h"
+#include "rock/tests/test_support.h"
 #include "testutil/temp_dir.h"
-#include "tools/grid_export.h"
-#include "tools/pore_geometry.h"
-#include "tools/pore_statistics.h"
-#include "tools/tests/test_support.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 namespace {
 
 PoreStatistics measure(const PoreGeometry& g) {
@@ -118,4 +118,4 @@ TEST(WriteGeometry, FileHoldsTheGeometryWithMirroredMargins) {
 }
 
 }  // namespace
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 // Diffusion with surface relaxation in a single pore (the Brownstein-Tarr problem):
 // D laplace(m) = dm/dt inside, D dm/dn + rho m = 0 on the wall, m = 1 at t = 0. The
@@ -45,4 +45,4 @@ double meanLifetime(PoreShape shape, double a, double rho, double d);
 // a^2 / (D xi_inf^2) that no relaxivity can beat.
 double relaxivityForSlowestT2(PoreShape shape, double a, double d, double t2);
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

@@ -1,4 +1,4 @@
-#include "tools/decay_file.h"
+#include "analysis/decay_file.h"
 
 #include <algorithm>
 #include <cmath>
@@ -6,9 +6,9 @@
 #include <sstream>
 
 #include "common/exception.h"
-#include "tools/option_parser.h"
+#include "common/text.h"
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 double realAxisPhase(const std::vector<double>& re, const std::vector<double>& im,
                      std::size_t echoes) {
@@ -84,4 +84,4 @@ MeasuredDecay readDecayFile(const std::string& path) {
     return decay;
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

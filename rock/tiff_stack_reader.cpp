@@ -1,4 +1,4 @@
-#include "tools/tiff_stack_reader.h"
+#include "rock/tiff_stack_reader.h"
 
 #include <tiffio.h>
 
@@ -8,7 +8,7 @@
 
 #include "common/exception.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 namespace {
 
@@ -109,4 +109,4 @@ void TiffStackReader::readSlice(std::int32_t* labels) {
     ++nextSlice_;
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -2,16 +2,16 @@
 #include <tiffio.h>
 
 #include "common/exception.h"
+#include "rock/grid_export.h"
+#include "rock/label_map.h"
+#include "rock/meta_image.h"
+#include "rock/tests/test_support.h"
+#include "rock/tiff_stack_reader.h"
 #include "testutil/checks.h"
 #include "testutil/command.h"
 #include "testutil/temp_dir.h"
-#include "tools/grid_export.h"
-#include "tools/label_map.h"
-#include "tools/meta_image.h"
-#include "tools/tests/test_support.h"
-#include "tools/tiff_stack_reader.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 namespace {
 
 using test::TempDir;
@@ -179,4 +179,4 @@ TEST(VolumeImport, ErrorsNameTheFileAndTheValue) {
 }
 
 }  // namespace
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -1,9 +1,9 @@
-#include "tools/label_map.h"
+#include "rock/label_map.h"
 
 #include "common/exception.h"
-#include "tools/option_parser.h"
+#include "common/text.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 LabelMap::LabelMap()
     : table_(static_cast<std::size_t>(kMaxLabel - kMinLabel + 1), Mineral::Unknown) {}
@@ -65,4 +65,4 @@ Mineral::Type mineralFromName(const std::string& name) {
     return code;
 }
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

@@ -5,12 +5,12 @@
 #include <string>
 
 #include "common/logger.h"
-#include "tools/label_map.h"
-#include "tools/pore_geometry.h"
-#include "tools/pore_statistics.h"
-#include "tools/volume_reader.h"
+#include "rock/label_map.h"
+#include "rock/pore_geometry.h"
+#include "rock/pore_statistics.h"
+#include "rock/volume_reader.h"
 
-namespace nmr::tools {
+namespace nmr::rock {
 
 // Margin cells per face, along x, y and z.
 using Margins = std::array<std::uint32_t, 3>;
@@ -29,4 +29,4 @@ PoreStatistics writeGeometry(const PoreGeometry& geometry, const std::string& pa
 PoreStatistics importVolume(VolumeReader& reader, const LabelMap& labels, const std::string& path,
                             double cellSize, LoggerBase* logger = nullptr);
 
-}  // namespace nmr::tools
+}  // namespace nmr::rock

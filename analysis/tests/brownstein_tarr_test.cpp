@@ -3,10 +3,10 @@
 #include <boost/math/special_functions/bessel.hpp>
 #include <cmath>
 
+#include "analysis/brownstein_tarr.h"
 #include "common/exception.h"
-#include "tools/brownstein_tarr.h"
 
-namespace nmr::tools {
+namespace nmr::analysis {
 namespace {
 
 class BrownsteinTarrTest : public ::testing::TestWithParam<std::tuple<PoreShape, double>> {};
@@ -64,4 +64,4 @@ TEST(BrownsteinTarr, LimitsOfWeakAndStrongWalls) {
 }
 
 }  // namespace
-}  // namespace nmr::tools
+}  // namespace nmr::analysis

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace nmr::tools {
+namespace nmr::analysis {
 
 // A measured decay: time in ms and amplitude. Four-column files (time, an ignored
 // column, real, imaginary) are phase-rotated onto the real axis as they are read.
@@ -32,4 +32,4 @@ MeasuredDecay readDecayFile(const std::string& path);
 double realAxisPhase(const std::vector<double>& re, const std::vector<double>& im,
                      std::size_t echoes);
 
-}  // namespace nmr::tools
+}  // namespace nmr::analysis
