@@ -4,7 +4,7 @@
 #include <ostream>
 #include <string>
 
-namespace nmr::app {
+namespace nmr {
 
 // A console bar of 51 '*' under a 0..100% scale, drawn as work items complete. Marks are
 // written one at a time and flushed, so the bar grows while the work runs; at most 51
@@ -35,4 +35,4 @@ private:
     std::uint32_t marks_ = 0;
 };
 
-}  // namespace nmr::app
+}  // namespace nmr

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <sstream>
 
-#include "app/progress_bar.h"
+#include "common/progress_bar.h"
 
-namespace nmr::app {
+namespace nmr {
 namespace {
 
 // Marks standing after the first and after the last advances. A total of 3 draws 16, 17,
@@ -35,4 +35,4 @@ TEST(ProgressBar, MarksGrowStepByStepAndFillTheFrameOnce) {
 }
 
 }  // namespace
-}  // namespace nmr::app
+}  // namespace nmr

@@ -1,6 +1,6 @@
-#include "app/progress_bar.h"
+#include "common/progress_bar.h"
 
-namespace nmr::app {
+namespace nmr {
 
 ProgressBar::ProgressBar(std::uint32_t total, std::ostream& out, std::string title,
                          std::string scaleText, std::string barText)
@@ -41,4 +41,4 @@ void ProgressBar::advance() {
     }
 }
 
-}  // namespace nmr::app
+}  // namespace nmr
