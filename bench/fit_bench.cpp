@@ -13,6 +13,7 @@
 #include <fstream>
 #include <thread>
 
+#include "fit/fit_request.h"
 #include "fit/recorded_walk_file.h"
 #include "fit/relaxivity_fit.h"
 
@@ -82,10 +83,11 @@ int main(int argc, char** argv) {
         const double value = walk.run.relaxivity.valueOr(code);
         if (!(value > 0.0)) continue;
         request.minerals.push_back(code);
-        request.lower.push_back(std::max(value / 2.0, walk.run.floor.valueOr(code)));
-        request.upper.push_back(value * 2.0);
+        request.lower.push_back(
+            std::max(value / nmr::fit::kDefaultBoundFactor, walk.run.floor.valueOr(code)));
+        request.upper.push_back(value * nmr::fit::kDefaultBoundFactor);
     }
-    const auto result = fitter.fit(request, 1u);
+    const auto result = fitter.fit(request);
     std::printf("whole fit of %zu minerals (with uncertainties): %.2f s, %d evaluations\n",
                 request.minerals.size(), millisecondsSince(start) / 1000.0, result.evaluations);
     for (std::size_t i = 0; i < request.minerals.size(); ++i) {

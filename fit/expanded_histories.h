@@ -14,13 +14,13 @@ namespace nmr::fit {
 //
 // A walker's weighted survival is a single running product: every interval with contacts
 // multiplies it by q^count per touched mineral (q = 1 - p, p of that phase's step), every
-// roulette passed doubles it, and the walker's stop sets it to 0. So each record names the
-// interval where the factor applies and the factor's place in a table of values that an
+// roulette passed multiplies it by 2^1/4, and the walker's stop sets it to 0. So each record names
+// the interval where the factor applies and the factor's place in a table of values that an
 // evaluation fills for its relaxivities:
 //   bits 0-8    the interval (one past the schedule's last for a walker that never stopped)
 //   bits 9-31   the table entry: 0 is the stop (factor 0, then the next walker starts at
 //               1); from `tableBase` q^n per phase and slot, n = 0 .. the largest count
-//               kept; from `levelBase` 2^n for n roulettes passed at once
+//               kept; from `levelBase` the weight of n roulettes passed at once
 // A count above kLargestTableCount is split into several factors of the same interval, so
 // the table stays small whatever the counts.
 //

@@ -16,6 +16,13 @@ std::string number(double value) {
     return text;
 }
 
+// Six significant digits, as the tools print numbers, for messages.
+std::string shown(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return text;
+}
+
 std::string relaxivityText(const MineralValueMap<double>& map) {
     std::string text;
     for (const auto& [code, value] : map.entries()) {
@@ -28,8 +35,7 @@ std::string relaxivityText(const MineralValueMap<double>& map) {
 }  // namespace
 
 FitRequest fitRequest(const FitChoice& options, const MineralValueMap<double>& relaxivity,
-                           const std::vector<std::uint64_t>& counters,
-                           const std::string& gridName) {
+                      const std::vector<std::uint64_t>& counters, const std::string& gridName) {
     auto inGrid = [&](Mineral::Type code) { return code < counters.size() && counters[code] > 0; };
     std::vector<Mineral::Type> minerals;
     if (options.sweep) {
@@ -87,22 +93,21 @@ MineralValueMap<double> floorsOf(const FitRequest& request, const FitChoice& /*c
     return floor;
 }
 
-void checkFloorsCover(const RecordedRun& run, const FitRequest& request,
-                      const FitChoice& /*choice*/, const std::string& recordingPath) {
+std::string floorsShortfall(const RecordedRun& run, const FitRequest& request) {
     for (std::size_t i = 0; i < request.minerals.size(); ++i) {
         const Mineral::Type code = request.minerals[i];
         const double floor = run.floor.valueOr(code, 0.0);
         // A hair of slack for bounds written with fewer digits than they were recorded with.
         if (!(floor <= request.lower[i] * (1.0 + 1e-9)) || run.plan.slotOf[code] < 0) {
-            throw Exception(recordingPath + " was recorded for " + Mineral::name(code) +
-                            " down to " + number(floor) + " m/s, and this fit goes down to " +
-                            number(request.lower[i]) + " m/s. Delete it to walk again");
+            return "it was recorded for " + Mineral::name(code) + " down to " + shown(floor) +
+                   " m/s, and this fit goes down to " + shown(request.lower[i]) + " m/s";
         }
     }
+    return {};
 }
 
-void checkOverlap(const analysis::MeasuredDecay& measured, const std::vector<double>& simulatedTimes,
-                  const std::string& path) {
+void checkOverlap(const analysis::MeasuredDecay& measured,
+                  const std::vector<double>& simulatedTimes, const std::string& path) {
     const double first = simulatedTimes.front();
     const double last = simulatedTimes.back();
     std::size_t inside = 0;
@@ -110,8 +115,8 @@ void checkOverlap(const analysis::MeasuredDecay& measured, const std::vector<dou
     if (inside < MeasuredWindow::kLeastPoints) {
         throw Exception(path + " lines " + std::to_string(measured.lines.front()) + " to " +
                         std::to_string(measured.lines.back()) + ": only " + std::to_string(inside) +
-                        " measured times lie within the simulated " + number(first) + " to " +
-                        number(last) + " ms; a fit needs " +
+                        " measured times lie within the simulated " + shown(first) + " to " +
+                        shown(last) + " ms; a fit needs " +
                         std::to_string(MeasuredWindow::kLeastPoints));
     }
 }
@@ -122,7 +127,7 @@ void checkWindow(const MeasuredWindow& window, const analysis::MeasuredDecay& me
     throw Exception(path + " lines " + std::to_string(measured.lines.front()) + " to " +
                     std::to_string(measured.lines.back()) + ": only " +
                     std::to_string(window.size()) + " measured times lie within the simulated " +
-                    number(window.first()) + " to " + number(window.last()) +
+                    shown(window.first()) + " to " + shown(window.last()) +
                     " ms that the walk reached; a fit needs " +
                     std::to_string(MeasuredWindow::kLeastPoints));
 }
@@ -151,6 +156,22 @@ Fingerprint walkFingerprint(const NuclearMagneticResonanceParameters& p, int pro
                                   number(p.echoSpacing())},
         {"the water relaxivities", relaxivityText(p.surfaceRelaxationStrengthWater())},
     };
+}
+
+std::string boundWarning(const BoundHit& hit, const FitRequest& request,
+                         const std::string& suggestion) {
+    return "Warning: " + Mineral::name(request.minerals[hit.index]) + " is at its " +
+           (hit.upper ? "upper" : "lower") + " bound " + shown(hit.value) +
+           " m/s; the best fit may lie outside it (try " + suggestion + ")";
+}
+
+std::string boundsText(double lower, double upper) { return shown(lower) + ":" + shown(upper); }
+
+std::string notDeterminedLine(const NotDetermined& pair, const FitRequest& request) {
+    char correlation[16];
+    std::snprintf(correlation, sizeof correlation, "%.2f", pair.correlation);
+    return "Not separately determined: " + Mineral::name(request.minerals[pair.first]) + " and " +
+           Mineral::name(request.minerals[pair.second]) + " (correlation " + correlation + ")";
 }
 
 }  // namespace nmr::fit

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <string>
 #include <type_traits>
 
 #include "common/exception.h"
@@ -17,7 +18,8 @@ namespace nmr::fit {
 
 namespace {
 
-constexpr char kMagic[] = "nmrwalk recorded walk 1\n";
+constexpr char kMagicStem[] = "nmrwalk recorded walk ";
+std::string magicLine() { return kMagicStem + std::to_string(kRecordedWalkFormat) + "\n"; }
 
 // Little-endian fields one after another, as every machine this runs on stores them.
 class Writer {
@@ -135,13 +137,15 @@ void putRun(Writer& out, const RecordedRun& r) {
     out.putVector(r.intervalEndTime);
     out.put(r.fineIntervals);
     out.put(r.numberOfWalkers);
-    for (double v : {r.resolutionM, r.fineStep, r.coarseStep, r.diffusionWater, r.clayMicroPorosity,
-                     r.totalWaterSaturation, r.clayFraction, r.bulkT2Ms, r.fieldTerm}) {
+    for (double v :
+         {r.resolutionM, r.fineStep, r.coarseStep, r.diffusionWater, r.scheduleDiffusion,
+          r.clayMicroPorosity, r.totalWaterSaturation, r.clayFraction, r.bulkT2Ms, r.fieldTerm}) {
         out.put(v);
     }
     out.putMap(r.relaxivity);
     out.putMap(r.floor);
     out.putVector(r.counters);
+    out.putVector(r.poreFaces);
     std::vector<std::int32_t> slotOf(r.plan.slotOf.begin(), r.plan.slotOf.end());
     out.putVector(slotOf);
     std::vector<std::uint32_t> minerals(r.plan.minerals.begin(), r.plan.minerals.end());
@@ -155,14 +159,15 @@ RecordedRun getRun(Reader& in) {
     r.intervalEndTime = in.getVector<double>();
     r.fineIntervals = in.get<std::uint32_t>();
     r.numberOfWalkers = in.get<std::int32_t>();
-    for (double* v :
-         {&r.resolutionM, &r.fineStep, &r.coarseStep, &r.diffusionWater, &r.clayMicroPorosity,
-          &r.totalWaterSaturation, &r.clayFraction, &r.bulkT2Ms, &r.fieldTerm}) {
+    for (double* v : {&r.resolutionM, &r.fineStep, &r.coarseStep, &r.diffusionWater,
+                      &r.scheduleDiffusion, &r.clayMicroPorosity, &r.totalWaterSaturation,
+                      &r.clayFraction, &r.bulkT2Ms, &r.fieldTerm}) {
         *v = in.get<double>();
     }
     r.relaxivity = in.getMap();
     r.floor = in.getMap();
     r.counters = in.getVector<std::uint64_t>();
+    r.poreFaces = in.getVector<std::uint64_t>();
     const auto slotOf = in.getVector<std::int32_t>();
     const auto minerals = in.getVector<std::uint32_t>();
     r.plan.fineLog = in.getVector<double>();
@@ -241,7 +246,8 @@ void writeRecordedWalk(const std::string& path, const RecordedWalk& walk) {
         target.parent_path() / (target.filename().string() + ".tmp" + std::to_string(::getpid()));
     {
         std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
-        file.write(kMagic, sizeof kMagic - 1);
+        const std::string magic = magicLine();
+        file.write(magic.data(), static_cast<std::streamsize>(magic.size()));
         file.write(reinterpret_cast<const char*>(out.bytes.data()),
                    static_cast<std::streamsize>(out.bytes.size()));
         file.flush();
@@ -264,8 +270,9 @@ RecordedWalk readRecordedWalk(const std::string& path) {
     if (!file) throw FileAccessException("Unable to open the recorded walk: " + path);
     std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(file)),
                                     std::istreambuf_iterator<char>());
-    const std::size_t magic = sizeof kMagic - 1;
-    if (bytes.size() < magic + 4 || std::memcmp(bytes.data(), kMagic, magic) != 0)
+    const std::string magicText = magicLine();
+    const std::size_t magic = magicText.size();
+    if (bytes.size() < magic + 4 || std::memcmp(bytes.data(), magicText.data(), magic) != 0)
         throw FileAccessException("Not a recorded walk of this version: " + path);
     std::uint32_t stored = 0;
     std::memcpy(&stored, bytes.data() + bytes.size() - 4, 4);
@@ -294,6 +301,22 @@ RecordedWalk readRecordedWalk(const std::string& path) {
         throw;
     } catch (const Exception& e) {
         throw FileAccessException("The recorded walk is damaged (" + e.message() + "): " + path);
+    }
+}
+
+std::optional<int> recordedWalkFormat(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string line;
+    if (!file || !std::getline(file, line)) return std::nullopt;
+    const std::string stem = kMagicStem;
+    if (line.compare(0, stem.size(), stem) != 0) return std::nullopt;
+    try {
+        std::size_t used = 0;
+        const int format = std::stoi(line.substr(stem.size()), &used);
+        if (used + stem.size() != line.size()) return std::nullopt;
+        return format;
+    } catch (const std::exception&) {
+        return std::nullopt;
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,8 +35,13 @@ ContactHistories deserialise(const std::vector<std::uint8_t>& bytes);
 // crash never leaves a half-written recording under the real name. Throws
 // FileAccessException.
 void writeRecordedWalk(const std::string& path, const RecordedWalk& walk);
-// Throws FileAccessException for a file that cannot be read, is not a recorded walk, or
-// is damaged.
+// Throws FileAccessException for a file that cannot be read, is not a recorded walk of
+// this format, or is damaged.
 RecordedWalk readRecordedWalk(const std::string& path);
+
+// The format this build writes, and the format of the recorded walk at `path`: nothing for
+// a file that cannot be read or is no recorded walk at all.
+inline constexpr int kRecordedWalkFormat = 2;
+std::optional<int> recordedWalkFormat(const std::string& path);
 
 }  // namespace nmr::fit

@@ -4,6 +4,7 @@
 
 #include "fit/recorded_walk_file.h"
 #include "mpi/message_passing.h"
+#include "walk/pore_faces.h"
 
 namespace nmr::fit {
 
@@ -19,8 +20,8 @@ constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
 
 RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
                                 const RockSummary& summary, const WalkPlan& walk,
-                                const Grid<Mineral::Type>& grid,
-                                const MineralValueMap<double>& floor) {
+                                const DistributedGrid& held, const MineralValueMap<double>& floor) {
+    const Grid<Mineral::Type>& grid = held.grid();
     RecordedRun run;
     run.intervalEndTime = walk.schedule.intervalEndTime;
     run.fineIntervals = walk.schedule.fineIntervals;
@@ -29,6 +30,9 @@ RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
     run.fineStep = summary.halfStep;
     run.coarseStep = summary.step;
     run.diffusionWater = parameters.diffusionConstantWater();
+    run.scheduleDiffusion = summary.saturation.bulkWaterSaturation > 0.0
+                                ? parameters.diffusionConstantWater()
+                                : parameters.diffusionConstantOil();
     run.clayMicroPorosity = parameters.clayMicroPorosity();
     run.totalWaterSaturation = summary.saturation.totalWaterSaturation;
     run.clayFraction = summary.saturation.clayFraction;
@@ -36,6 +40,7 @@ RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
     run.fieldTerm = summary.fieldTerm;
     run.relaxivity = parameters.surfaceRelaxationStrengthWater();
     run.counters = grid.counters();
+    run.poreFaces = held.visit([](const auto& g) { return poreFaces(g); });
 
     // Floors: the given ones, and every other mineral at its own value.
     for (Mineral::Type code : Mineral::allTypes()) {

@@ -8,6 +8,7 @@
 #include "fit/contact_histories.h"
 #include "fit/reweighted_decay.h"
 #include "grid/grid.h"
+#include "parallel/grid_distribution.h"
 #include "params/nmr_parameters.h"
 #include "simulation/rock_summary.h"
 #include "simulation/walker_loop.h"
@@ -24,8 +25,7 @@ namespace nmr::fit {
 // also its floor.
 RecordedRun describeRecordedRun(NuclearMagneticResonanceParameters& parameters,
                                 const RockSummary& summary, const WalkPlan& walk,
-                                const Grid<Mineral::Type>& grid,
-                                const MineralValueMap<double>& floor);
+                                const DistributedGrid& grid, const MineralValueMap<double>& floor);
 
 // The seed of the roulette stream of process `rank`: apart from every walk stream of the
 // job, so that deciding which walkers go on never shifts a walker's own draws.
@@ -37,23 +37,31 @@ inline std::uint32_t rouletteSeed(std::int32_t randomSeed, int rank) {
 // bootstrap has enough of them to resample.
 std::uint32_t chunkWalkersFor(std::int64_t total);
 
+// What a caller learns while a recording walks. `poll` (walkers done, walkers) is called
+// before the first walker and every kPollInterval walkers, as a local run polls; returning
+// false stops the recording. `afterWalker` runs after every walker (for a progress bar).
+struct RecordingHooks {
+    std::function<bool(std::uint32_t done, std::uint32_t total)> poll;
+    std::function<void()> afterWalker;
+};
+
 // Records this process's walkers in order, with `stream` drawing exactly what a run would
-// and `roulette` deciding which walkers go on. `poll` (walkers done, walkers), when given,
-// is called before the first walker and every kPollInterval walkers, as a local run polls;
-// it returning false stops the recording, and nothing is returned.
+// and `roulette` deciding which walkers go on; nothing when a poll stopped it.
 template <typename G>
-std::optional<ContactHistories> recordWalkers(
-    const G& grid, const std::vector<Walker>& walkers, RandomStream& stream, RandomStream& roulette,
-    const RecordedRun& run, const WalkPlan& walk, std::uint32_t chunkWalkers,
-    const std::function<bool(std::uint32_t done, std::uint32_t total)>& poll = {}) {
+std::optional<ContactHistories> recordWalkers(const G& grid, const std::vector<Walker>& walkers,
+                                              RandomStream& stream, RandomStream& roulette,
+                                              const RecordedRun& run, const WalkPlan& walk,
+                                              std::uint32_t chunkWalkers,
+                                              const RecordingHooks& hooks = {}) {
     ContactHistories histories;
     HistoryRecorder recorder(histories, static_cast<std::uint32_t>(run.plan.slots()),
                              walk.schedule.fineIntervals, chunkWalkers);
     const WalkGridView<G> view = makeWalkGridView(grid);
     const auto total = static_cast<std::uint32_t>(walkers.size());
     for (std::uint32_t i = 0; i < total; ++i) {
-        if (poll && i % kPollInterval == 0 && !poll(i, total)) return std::nullopt;
+        if (hooks.poll && i % kPollInterval == 0 && !hooks.poll(i, total)) return std::nullopt;
         recordWalker(stream, roulette, walkers[i], view, walk, run.plan, recorder);
+        if (hooks.afterWalker) hooks.afterWalker();
     }
     return histories;
 }

@@ -17,18 +17,20 @@ struct RecordedRun {
     std::vector<double> intervalEndTime;  // ms, one per interval
     std::uint32_t fineIntervals = 0;      // K: intervals below it used the fine step
     std::int32_t numberOfWalkers = 0;
-    double resolutionM = 0.0;     // cell size, metres
-    double fineStep = 0.0;        // voxels
-    double coarseStep = 0.0;      // voxels
-    double diffusionWater = 0.0;  // m^2/s
+    double resolutionM = 0.0;        // cell size, metres
+    double fineStep = 0.0;           // voxels
+    double coarseStep = 0.0;         // voxels
+    double diffusionWater = 0.0;     // m^2/s
+    double scheduleDiffusion = 0.0;  // m^2/s: the one the step schedule was timed with
     double clayMicroPorosity = 0.0;
     double totalWaterSaturation = 0.0;
     double clayFraction = 0.0;
     double bulkT2Ms = 0.0;
-    double fieldTerm = 0.0;               // 1/ms
-    MineralValueMap<double> relaxivity;   // the parameter file's water relaxivities
-    MineralValueMap<double> floor;        // the floor of every recorded mineral
-    std::vector<std::uint64_t> counters;  // cells per mineral code in the grid's interior
+    double fieldTerm = 0.0;                // 1/ms
+    MineralValueMap<double> relaxivity;    // the parameter file's water relaxivities
+    MineralValueMap<double> floor;         // the floor of every recorded mineral
+    std::vector<std::uint64_t> counters;   // cells per mineral code in the grid's interior
+    std::vector<std::uint64_t> poreFaces;  // pore-solid voxel faces per mineral code
     RecordingPlan plan;
 };
 
@@ -49,9 +51,11 @@ struct AbsorptionPair {
 AbsorptionPair absorptionFor(const RecordedRun& run, const MineralValueMap<double>& relaxivity);
 
 // Survival sums of the recorded walkers for these relaxivities (every mineral code;
-// those not recorded do not matter). `threads` share the chunks.
+// those not recorded do not matter). `threads` share the chunks. With a stride above 1 only
+// every stride-th chunk is summed: a quicker, noisier look with fewer walkers.
 SurvivalSums survivalSums(const ExpandedHistories& histories, const RecordedRun& run,
-                          const MineralValueMap<double>& relaxivity, unsigned threads = 1);
+                          const MineralValueMap<double>& relaxivity, unsigned threads = 1,
+                          std::size_t stride = 1);
 
 // The surviving weight at the end of every interval, summed over the chunks with their
 // weights (empty: every chunk once), and the walkers it stands for.
@@ -69,8 +73,23 @@ std::size_t keptIntervals(const SurvivalTotals& totals);
 // Amplitude at the end of each of the first `count` intervals, by nmrwalk's decay
 // formula, from the expected absorption histogram: bin k holds the walkers absorbed in
 // interval k, bin 0 also those that survive the whole schedule, as a run counts them.
+//
+// A run at other relaxivities has another step schedule: its switch from the fine to the
+// coarse step follows T2_micro, which the Clay and Quartz relaxivities set, and from the
+// switch on a run's times run behind the time its walkers have walked (see walkedEndTimes).
+// So the amplitude at a recorded interval's end time t is taken as that run would give it:
+// its survival at the time its walkers have walked by t, read off the recording's survival
+// against the time the recording's walkers have walked. At the recording's own
+// relaxivities this is the recorded survival itself. A run's decay jumps where its switch
+// moves by an interval; a fit follows the Smooth emulation instead, so that its misfit is
+// continuous in the relaxivities.
+enum class ScheduleEmulation {
+    Exact,   // the schedule a run at these relaxivities walks
+    Smooth,  // blended across the run's switch intervals, continuous in the relaxivities
+};
 std::vector<double> decayAmplitudes(const SurvivalTotals& totals, const RecordedRun& run,
-                                    const MineralValueMap<double>& relaxivity, std::size_t count);
+                                    const MineralValueMap<double>& relaxivity, std::size_t count,
+                                    ScheduleEmulation emulation = ScheduleEmulation::Exact);
 
 // The decay of nmrwalk's formula from the summed survivals: the expected absorption
 // histogram (survivors of the whole schedule counted in the first interval, as a run

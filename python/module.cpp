@@ -256,6 +256,57 @@ analysis::MeasuredDecay measuredDecay(const py::array_t<double, py::array::force
     return measured;
 }
 
+// The fields of FitResult (python/nmrwalk/__init__.py): values, intervals, correlations,
+// what the decay cannot tell apart and the combination it does fix, and the warnings.
+py::dict fitFields(const fit::FitRequest& request, const fit::FitResult& result,
+                   const DecayCurve& decay) {
+    std::vector<std::string> names;
+    for (Mineral::Type code : request.minerals) names.push_back(Mineral::name(code));
+    const std::size_t m = names.size();
+    py::dict out;
+    out["minerals"] = names;
+    out["relaxivity"] = result.value;
+    out["uncertainty"] = result.uncertainty;
+    out["interval"] = py::make_tuple(result.lower, result.upper);
+    py::array_t<double> correlation({m, m});
+    for (std::size_t i = 0; i < m; ++i) {
+        for (std::size_t j = 0; j < m; ++j)
+            correlation.mutable_at(i, j) = result.correlationOf(i, j);
+    }
+    out["correlation"] = correlation;
+    py::list pairs, means, warnings;
+    for (const fit::NotDetermined& pair : result.notDetermined) {
+        pairs.append(py::make_tuple(names[pair.first], names[pair.second], pair.correlation));
+    }
+    for (const fit::SurfaceWeightedMean& mean : result.combinations) {
+        py::dict weights;
+        for (std::size_t k = 0; k < mean.members.size(); ++k) {
+            weights[py::str(names[mean.members[k]])] = mean.weights[k];
+        }
+        means.append(py::make_tuple(weights, mean.value, mean.uncertainty));
+    }
+    std::vector<bool> atBound(m, false);
+    for (const fit::BoundHit& hit : result.atBound) {
+        atBound[hit.index] = true;
+        char suggestion[64];
+        std::snprintf(suggestion, sizeof suggestion, "bounds=(%g, %g)", hit.suggestedLower,
+                      hit.suggestedUpper);
+        warnings.append(fit::boundWarning(hit, request, suggestion));
+    }
+    out["not_determined"] = pairs;
+    out["surface_weighted_means"] = means;
+    out["warnings"] = warnings;
+    out["at_bound"] = atBound;
+    out["noise"] = py::make_tuple(result.noise.walk, result.noise.measurementWhite,
+                                  result.noise.measurementShaped);
+    out["misfit"] = result.misfit.sumOfSquares;
+    out["scale"] = result.misfit.scale;
+    out["evaluations"] = result.evaluations;
+    out["time_ms"] = arrayOf(decay.times);
+    out["amplitude"] = arrayOf(decay.values);
+    return out;
+}
+
 // The fit of nmrwalk-fit at one process: the recording walk of the rock (the walk of a
 // run, every walker's contacts kept), then the relaxivities of `fitted` (empty: every
 // relaxing mineral of the rock) that make it match the measured decay.
@@ -279,7 +330,7 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
     WalkPolls polls(progress);
 
     struct Outcome {
-        std::vector<Mineral::Type> minerals;
+        fit::FitRequest request;
         fit::FitResult result;
         DecayCurve decay;
     };
@@ -292,14 +343,14 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
             fit::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
                             walk.grid.grid().counters(), "labels");
         fit::checkOverlap(measured, walk.plan.schedule.intervalEndTime, options.measured);
-        const fit::RecordedRun run =
-            fit::describeRecordedRun(*parameters, walk.summary, walk.plan, walk.grid.grid(),
-                                     fit::floorsOf(request, options));
+        const fit::RecordedRun run = fit::describeRecordedRun(
+            *parameters, walk.summary, walk.plan, walk.grid, fit::floorsOf(request, options));
         RandomStream roulette(fit::rouletteSeed(parameters->randomSeed(), 0));
+        fit::RecordingHooks hooks;
+        hooks.poll = std::ref(polls);
         std::optional<fit::ContactHistories> histories = walk.grid.visit([&](const auto& g) {
             return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
-                                      fit::chunkWalkersFor(parameters->numberOfWalkers()),
-                                      std::ref(polls));
+                                      fit::chunkWalkersFor(parameters->numberOfWalkers()), hooks);
         });
         walk.grid = {};
         if (histories) {
@@ -307,28 +358,14 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
                                             std::max(1u, std::thread::hardware_concurrency()));
             histories.reset();  // the fitter evaluates its own expanded copy
             fit::checkWindow(fitter.window(), measured, options.measured);
-            fit::FitResult result =
-                fitter.fit(request, static_cast<std::uint32_t>(parameters->randomSeed()));
+            fit::FitResult result = fitter.fit(request);
             DecayCurve decay = fitter.decayAt(result.relaxivity);
-            outcome = Outcome{request.minerals, std::move(result), std::move(decay)};
+            outcome = Outcome{request, std::move(result), std::move(decay)};
         }
     }
     if (!outcome) polls.raisePending();
 
-    std::vector<std::string> names;
-    for (Mineral::Type code : outcome->minerals) names.push_back(Mineral::name(code));
-    const fit::FitResult& result = outcome->result;
-    py::dict out;
-    out["minerals"] = names;
-    out["relaxivity"] = result.value;
-    out["uncertainty"] = result.uncertainty;
-    out["at_bound"] = std::vector<bool>(result.atBound.begin(), result.atBound.end());
-    out["misfit"] = result.misfit.sumOfSquares;
-    out["scale"] = result.misfit.scale;
-    out["evaluations"] = result.evaluations;
-    out["time_ms"] = arrayOf(outcome->decay.times);
-    out["amplitude"] = arrayOf(outcome->decay.values);
-    return out;
+    return fitFields(outcome->request, outcome->result, outcome->decay);
 }
 
 py::tuple invert(const py::array_t<double, py::array::forcecast>& times,

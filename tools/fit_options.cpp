@@ -21,9 +21,10 @@ matches a measured one, from a single random walk. Run it in a run directory
 (nmr.yaml and its grid) under mpiexec, as nmrwalk: the walkers are created and
 divided exactly as in nmrwalk, and each walker's contacts with every relaxing
 mineral are recorded, interval by interval, in fit.walk. The decay for any
-relaxivities then follows from those contacts without walking again, and a
-later fit (another measured file, other bounds) reuses fit.walk as long as the
-grid and nmr.yaml are unchanged.
+relaxivities then follows from those contacts without walking again. A later
+fit reuses fit.walk when it can; when it cannot (other bounds below its floor,
+another grid, seed or parameter), the walk is recorded again and one line says
+why. A file named fit.walk that is damaged or is no recorded walk is refused.
 
 MEASURED holds per line "time amplitude" or "time unused real imaginary" (time
 in ms), as nmrwalk-invert reads it. The misfit is the sum of squared
@@ -35,29 +36,53 @@ Options:
                          a non-zero relaxivity in nmr.yaml); the others keep
                          their nmr.yaml values
   --bounds LO:HI         bounds in m/s for every fitted mineral (default: its
-                         nmr.yaml value divided and multiplied by 2). The walk
+                         nmr.yaml value divided and multiplied by 10). The walk
                          lasts about as long as an nmrwalk run at the lower
-                         bounds, so wider bounds cost a longer walk.
+                         bounds, so a lower LO costs a longer walk.
   --sweep NAME=LO:HI:N   no fit: for N relaxivities of NAME on a log scale from
                          LO to HI (m/s), print the T2LM of the simulated
                          distribution and the misfit, all from the one walk
-  -o, --output FILE      the fitted parameter file (default nmr.fitted.yaml);
-                         T2fit.png goes beside it
+  -o, --output FILE      the fitted parameter file (default nmr.fitted.yaml,
+                         with T2fit.png and T2fit.json beside it; another FILE
+                         gets its plot and data named after it); its folder is
+                         made if need be
   -h, --help             this text
 
-Output: one line per fitted mineral, "Fitted <name>: <value> m/s (+- <u>)", the
-misfit and the amplitude scale, and the T2LM of the measured and the fitted
-distribution (both through the inversion of nmrwalk-invert, on the T2 axis of
-nmr.yaml). It writes the parameter file with the fitted relaxivities and
-T2fit.png (measured and fitted decays, both distributions).
+The search: a coarse look over the whole box of bounds in log space (a grid;
+for more than three minerals a scattered set of points) finds the valleys of
+the misfit, and NLopt's BOBYQA refines the best of them.
 
-Uncertainty: one standard deviation, combining in quadrature
-  - the spread over 200 bootstrap resamples of the walkers (in about 128
-    chunks of walkers), each refitted by one Newton step from the best fit on
-    a finite-difference model of its own misfit: the uncertainty of a walk with
-    a finite number of walkers;
-  - the curvature of the misfit scaled by its residual variance (Gauss-Newton):
-    the uncertainty from the scatter of the measurement.
+Output: "Fitted <name>: <value> m/s (+- <u>)" per mineral, then per mineral
+its bounds and its one-deviation interval, the correlation of every pair of
+fitted minerals, the noise the uncertainties rest on, the misfit and the
+amplitude scale, and the T2LM of the measured and the fitted distribution
+(both through the inversion of nmrwalk-invert, on the T2 axis of nmr.yaml).
+It writes the parameter file with the fitted relaxivities and a plot of the
+fit (measured and fitted decays, both distributions).
+
+How to read the uncertainty: +- u is one standard deviation. The misfit is
+followed along each relaxivity, every other relaxivity and the scale refitted
+at each step, out to where it has risen by what one standard deviation of the
+noise explains: the noise of the walk itself (known from its chunks of
+walkers) and the measurement's, white or shaped like a walk's, each as large
+as the residuals show. The interval of each mineral is printed; u is its
+larger side. A decay's errors are strongly correlated in time, so the noise is
+taken along the directions in which the relaxivities change the decay, not
+from the scatter of the residuals.
+
+"Not separately determined: A and B (correlation r)" means that A and B are
+so strongly correlated (|r| above 0.9) that the decay fixes only a
+combination of them, typically because both line the same pores: a larger A
+with a smaller B fits as well. The next line gives the combination it does
+fix, their mean relaxivity weighted by the pore surface each offers, with its
+uncertainty; the interval of each of A and B then spans the whole valley of
+equally good fits. To tell them apart, fix one of them at a value known from
+elsewhere (leave it out of --minerals and set it in nmr.yaml), or fit a second
+sample in which the two minerals line the pores in other proportions.
+
+A value on a bound of its range is a warning on standard error, "Warning: A is
+at its upper bound ... (try --bounds LO:HI)": the best fit may lie outside the
+range; fit again with the range it suggests.
 )USAGE";
 
 namespace {

@@ -19,8 +19,6 @@ namespace nmr::tools {
 
 namespace {
 
-// The ratio of the first to the last kept singular value, as in a run.
-
 std::string shellQuoted(const std::string& word) {
     std::string quoted = "'";
     for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
@@ -118,8 +116,60 @@ void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::
     }
 }
 
-void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::FitResult& result,
-               const fit::FitRequest& request, const analysis::MeasuredDecay& measured,
+namespace {
+
+// The lines that say how far the fit can be trusted: the intervals, every correlation,
+// what the decay cannot tell apart and what it does fix, and the noise behind them.
+void printUncertainty(std::ostream& out, const fit::FitResult& result,
+                      const fit::FitRequest& request) {
+    const std::size_t m = request.minerals.size();
+    auto name = [&request](std::size_t i) { return Mineral::name(request.minerals[i]); };
+    for (std::size_t i = 0; i < m; ++i) {
+        out << "  " << name(i) << ": bounds " << request.lower[i] << " to " << request.upper[i]
+            << " m/s; one-deviation interval " << result.lower[i] << " to " << result.upper[i]
+            << " m/s" << std::endl;
+    }
+    char text[16];
+    for (std::size_t i = 0; i < m; ++i) {
+        for (std::size_t j = i + 1; j < m; ++j) {
+            std::snprintf(text, sizeof text, "%.2f", result.correlationOf(i, j));
+            out << "Correlation of " << name(i) << " and " << name(j) << ": " << text << std::endl;
+        }
+    }
+    for (const fit::NotDetermined& pair : result.notDetermined) {
+        out << fit::notDeterminedLine(pair, request) << std::endl;
+    }
+    for (const fit::SurfaceWeightedMean& mean : result.combinations) {
+        std::string names, shares;
+        for (std::size_t k = 0; k < mean.members.size(); ++k) {
+            const char* separator = k == 0 ? "" : (k + 1 == mean.members.size() ? " and " : ", ");
+            names += separator + name(mean.members[k]);
+            std::snprintf(text, sizeof text, "%.3g", mean.weights[k]);
+            shares += std::string(k == 0 ? "" : ", ") + text;
+        }
+        out << "Surface-weighted mean relaxivity of " << names << ": " << mean.value << " m/s (+- "
+            << mean.uncertainty << "), surface shares " << shares << std::endl;
+    }
+    out << "Noise per measured point (rms, simulated units): walk " << result.noise.walk
+        << ", measurement " << result.noise.measurementWhite << " white and "
+        << result.noise.measurementShaped << " shaped like a walk's" << std::endl;
+}
+
+// The plot and its data go beside the fitted parameters: T2fit.png and T2fit.json for the
+// default file, named after the file otherwise, so that a second fit into another file
+// leaves the first one's plot alone.
+std::pair<std::string, std::string> plotPaths(const std::string& output) {
+    const std::filesystem::path path(output);
+    const std::filesystem::path folder = path.parent_path();
+    const std::string stem = output == FitOptions{}.output ? "T2fit" : path.stem().string();
+    return {(folder / (stem + ".json")).string(), (folder / (stem + ".png")).string()};
+}
+
+}  // namespace
+
+void reportFit(std::ostream& out, std::ostream& err, const fit::RelaxivityFit& fitter,
+               const fit::FitResult& result, const fit::FitRequest& request,
+               const analysis::MeasuredDecay& measured,
                const NuclearMagneticResonanceParameters& parameters, const FitOptions& options,
                const std::string& parameterPath, const std::string& programDirectory) {
     const fit::MeasuredWindow& window = fitter.window();
@@ -130,11 +180,12 @@ void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::F
         out << "Fitted " << Mineral::name(request.minerals[i]) << ": " << result.value[i]
             << " m/s (+- " << result.uncertainty[i] << ")" << std::endl;
     }
-    for (std::size_t i = 0; i < request.minerals.size(); ++i) {
-        out << "  " << Mineral::name(request.minerals[i]) << ": bounds " << request.lower[i]
-            << " to " << request.upper[i] << " m/s" << (result.atBound[i] ? ", at a bound" : "")
-            << "; uncertainty from the walkers " << result.walkerSpread[i]
-            << ", from the measurement " << result.dataSpread[i] << std::endl;
+    printUncertainty(out, result, request);
+    for (const fit::BoundHit& hit : result.atBound) {
+        err << fit::boundWarning(
+                   hit, request,
+                   "--bounds " + fit::boundsText(hit.suggestedLower, hit.suggestedUpper))
+            << std::endl;
     }
     out << "Misfit (sum of squares over " << window.size()
         << " points): " << result.misfit.sumOfSquares << std::endl;
@@ -148,9 +199,7 @@ void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::F
     out << "Evaluations of the decay: " << result.evaluations << std::endl;
 
     writeFittedParameters(parameterPath, options.output, request, result);
-    const auto folder = std::filesystem::path(options.output).parent_path();
-    const std::string data = (folder / "T2fit.json").string();
-    const std::string png = (folder / "T2fit.png").string();
+    const auto [data, png] = plotPaths(options.output);
     writePlotData(data, window, result.misfit.scale, fitted, lab, simulated);
     const std::string plot = programDirectory + "/nmrwalk-plot";
     const std::string command = shellQuoted(plot) + " --fit " + shellQuoted(data) + " -o " +
@@ -159,8 +208,8 @@ void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::F
         out << "Wrote " << options.output << ", " << png << " and " << data << std::endl;
     } else {
         out << "Wrote " << options.output << " and " << data << std::endl;
-        std::cerr << "nmrwalk-fit: warning: " << png << " not drawn: " << plot
-                  << " --fit failed (it needs python3-matplotlib)" << std::endl;
+        err << "nmrwalk-fit: warning: " << png << " not drawn: " << plot
+            << " --fit failed (it needs python3-matplotlib)" << std::endl;
     }
 }
 

@@ -15,6 +15,7 @@
 
 #include "analysis/decay_file.h"
 #include "common/exception.h"
+#include "common/progress_bar.h"
 #include "fit/recorded_walk_file.h"
 #include "fit/recording.h"
 #include "fit/relaxivity_fit.h"
@@ -50,7 +51,11 @@ public:
         if (!parseOptions()) return status_;
         parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
         if (!parameters_) return 1;
-        if (!agree([&] { readMeasured(); })) return 1;
+        if (!agree([&] {
+                prepareOutputFolder();
+                readMeasured();
+            }))
+            return 1;
         if (!agree([&] { tryRecordedWalk(); })) return 1;
         bool reuse = recorded_.has_value();
         mpi::broadcast(reuse, kRoot);
@@ -128,24 +133,61 @@ private:
         }
     }
 
+    // Process 0: the folder of -o exists before any work is done, so that a typing error
+    // costs no walk.
+    void prepareOutputFolder() const {
+        const auto folder = std::filesystem::path(options_.output).parent_path();
+        if (folder.empty()) return;
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        if (error) {
+            throw FileAccessException("Cannot create the folder of -o (" + error.message() +
+                                      "): " + folder.string());
+        }
+    }
+
     // Process 0: a recording left by an earlier fit serves when it was made from the same
-    // grid and parameters and reaches low enough; a recording of anything else is refused.
+    // grid and parameters and reaches low enough; otherwise the walk is recorded again, with
+    // one line that says why. Only a file that is no recorded walk, or a damaged one, is
+    // refused: overwriting it could destroy something that is not ours.
     void tryRecordedWalk() {
         fingerprint_ = fit::walkFingerprint(*parameters_, size_);
         if (!std::filesystem::exists(kRecordingPath)) return;
-        fit::RecordedWalk walk = fit::readRecordedWalk(kRecordingPath);
-        const std::string difference = fit::fingerprintDifference(walk.fingerprint, fingerprint_);
-        if (!difference.empty()) {
-            throw Exception(std::string(kRecordingPath) + " belongs to another walk: " +
-                            difference + ". Delete it to walk again");
+        const std::optional<int> format = fit::recordedWalkFormat(kRecordingPath);
+        if (!format) {
+            throw Exception(std::string(kRecordingPath) +
+                            " is not a recorded walk; move it away or delete it to walk again");
         }
-        request_ = fit::fitRequest(options_.choice, walk.run.relaxivity, walk.run.counters,
-                                   parameters_->grid());
-        fit::checkFloorsCover(walk.run, request_, options_.choice, kRecordingPath);
-        std::cout << "Reusing the recorded walk " << kRecordingPath << ": "
-                  << walk.histories.walkers() << " walkers, " << walk.histories.bytes()
-                  << " bytes of contact histories" << std::endl;
-        recorded_ = std::move(walk);
+        std::string why;
+        if (*format != fit::kRecordedWalkFormat) {
+            why = "it was recorded in format " + std::to_string(*format) + ", and this is format " +
+                  std::to_string(fit::kRecordedWalkFormat);
+        } else {
+            fit::RecordedWalk walk = readIntact();
+            why = fit::fingerprintDifference(walk.fingerprint, fingerprint_);
+            if (why.empty()) {
+                request_ = fit::fitRequest(options_.choice, walk.run.relaxivity, walk.run.counters,
+                                           parameters_->grid());
+                why = fit::floorsShortfall(walk.run, request_);
+            }
+            if (why.empty()) {
+                std::cout << "Reusing the recorded walk " << kRecordingPath << ": "
+                          << walk.histories.walkers() << " walkers, " << walk.histories.bytes()
+                          << " bytes of contact histories" << std::endl;
+                recorded_ = std::move(walk);
+                return;
+            }
+        }
+        std::cout << "Recording the walk again, since " << kRecordingPath
+                  << " cannot serve this fit: " << why << std::endl;
+    }
+
+    fit::RecordedWalk readIntact() const {
+        try {
+            return fit::readRecordedWalk(kRecordingPath);
+        } catch (const Exception& e) {
+            throw FileAccessException(e.message() + " (delete it to walk again)");
+        }
     }
 
     // All processes: the walk of nmrwalk, with every walker's contacts recorded.
@@ -170,14 +212,22 @@ private:
             return false;
         }
         broadcastRequest();
-        run = fit::describeRecordedRun(*parameters_, summary, walk, grid.grid(),
+        run = fit::describeRecordedRun(*parameters_, summary, walk, grid,
                                        fit::floorsOf(request_, options_.choice));
 
         const auto start = std::chrono::steady_clock::now();
         RandomStream roulette(fit::rouletteSeed(parameters_->randomSeed(), rank_));
         const std::uint32_t chunk = fit::chunkWalkersFor(parameters_->numberOfWalkers());
+        // The bar of nmrwalk: process 0's own walkers.
+        std::unique_ptr<ProgressBar> bar;
+        fit::RecordingHooks hooks;
+        if (rank_ == kRoot) {
+            bar = std::make_unique<ProgressBar>(static_cast<std::uint32_t>(walkers.size()),
+                                                std::cout);
+            hooks.afterWalker = [&bar] { bar->advance(); };
+        }
         fit::ContactHistories local = grid.visit([&](const auto& g) {
-            return *fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk);
+            return *fit::recordWalkers(g, walkers, *stream, roulette, run, walk, chunk, hooks);
         });
         const double walkSeconds = mpi::reduce(secondsSince(start), MPI_MAX, kRoot);
         grid = {};  // collective over each node: every process lets go here
@@ -213,10 +263,9 @@ private:
         if (options_.choice.sweep) {
             printSweep(std::cout, fitter, *options_.choice.sweep, *parameters_);
         } else {
-            const fit::FitResult result =
-                fitter.fit(request_, static_cast<std::uint32_t>(parameters_->randomSeed()));
-            reportFit(std::cout, fitter, result, request_, measured_, *parameters_, options_,
-                      kParameterPath, programDirectory());
+            const fit::FitResult result = fitter.fit(request_);
+            reportFit(std::cout, std::cerr, fitter, result, request_, measured_, *parameters_,
+                      options_, kParameterPath, programDirectory());
         }
         std::cout << "Fit time (s): " << secondsSince(start) << std::endl;
     }

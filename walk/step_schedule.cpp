@@ -3,16 +3,22 @@
 #include <cmath>
 
 namespace nmr {
-namespace {
-
-// Duration of one step in ms: the mean square displacement of a step, (s * voxel)^2,
-// equals 6 D tau in three dimensions.
-double stepTime(double voxelSize, double step, double diffusion) {
+double stepDuration(double voxelSize, double step, double diffusion) {
     const double length = voxelSize * step;
     return length * length / (6.0 * diffusion) * 1000.0;
 }
 
-}  // namespace
+std::vector<double> walkedEndTimes(const StepSchedule& schedule, double fineDuration,
+                                   double coarseDuration) {
+    std::vector<double> times(schedule.stepsPerInterval.size());
+    double t = 0.0;
+    for (std::size_t i = 0; i < times.size(); ++i) {
+        t += schedule.stepsPerInterval[i] *
+             (i < schedule.fineIntervals ? fineDuration : coarseDuration);
+        times[i] = t;
+    }
+    return times;
+}
 
 StepSchedule buildStepSchedule(const ScheduleRequest& r) {
     StepSchedule schedule;
@@ -20,7 +26,7 @@ StepSchedule buildStepSchedule(const ScheduleRequest& r) {
     schedule.intervalEndTime.assign(r.intervalCount, 0.0);
 
     const double diffusion = r.waterSelector > 0.0 ? r.diffusionWater : r.diffusionOil;
-    double tau = stepTime(r.voxelSize, r.fineStep, diffusion);
+    double tau = stepDuration(r.voxelSize, r.fineStep, diffusion);
     bool switchArmed = r.coarseStep > 0.1;
     const double growth = std::pow(10.0, 0.025);
 
@@ -36,7 +42,7 @@ StepSchedule buildStepSchedule(const ScheduleRequest& r) {
         if (switchArmed && t > r.switchTime) {
             switchArmed = false;
             schedule.fineIntervals = i;
-            tau = stepTime(r.voxelSize, r.coarseStep, diffusion);
+            tau = stepDuration(r.voxelSize, r.coarseStep, diffusion);
             // Continue counting in coarse steps from the time reached.
             k = static_cast<std::int32_t>(t / tau);
         }

@@ -38,4 +38,16 @@ struct ScheduleRequest {
 // that results stay comparable.
 StepSchedule buildStepSchedule(const ScheduleRequest& request);
 
+// Duration of one step in ms: the mean square displacement of a step, (s * voxel)^2,
+// equals 6 D tau in three dimensions. voxelSize in m, step in voxels, diffusion in m^2/s.
+double stepDuration(double voxelSize, double step, double diffusion);
+
+// The time each interval of a schedule really ends at, in ms: its steps walked at the fine
+// step's duration before the switch and at the coarse step's from the switch on. It runs
+// ahead of intervalEndTime from the switch on (that interval's fine-step count is walked
+// coarse), and is (coarse / fine step)^2 times intervalEndTime throughout when the switch
+// never fires: four times with the usual half step.
+std::vector<double> walkedEndTimes(const StepSchedule& schedule, double fineDuration,
+                                   double coarseDuration);
+
 }  // namespace nmr

@@ -10,6 +10,9 @@
 #include "fit/relaxivity_fit.h"
 #include "fit/reweighted_decay.h"
 #include "testutil/temp_dir.h"
+#include "walk/clay_micro_porosity.h"
+#include "walk/decay_curve.h"
+#include "walk/step_schedule.h"
 
 namespace nmr::fit {
 namespace {
@@ -156,7 +159,8 @@ TEST(ReweightedDecay, SurvivalIsTheProductOverContactsTimesTheRouletteWeight) {
     const ExpandedHistories histories = expandHistories(encode(walkers, 1, 2, 1));
     const SurvivalSums sums = survivalSums(histories, run, run.relaxivity, 2);
     ASSERT_EQ(sums.perChunk.size(), 2u);
-    const std::vector<double> a = {1.0, 0.81, 0.81, 2 * 0.81 * 0.8, 2 * 0.81 * 0.8, 0.0};
+    const double up = rouletteWeight(1);  // one roulette passed: 2^1/4
+    const std::vector<double> a = {1.0, 0.81, 0.81, up * 0.81 * 0.8, up * 0.81 * 0.8, 0.0};
     for (std::size_t i = 0; i < 6; ++i) {
         EXPECT_NEAR(sums.perChunk[0][i], a[i], 1e-15) << i;
         EXPECT_EQ(sums.perChunk[1][i], 1.0);
@@ -176,12 +180,12 @@ TEST(ReweightedDecay, SurvivalIsTheProductOverContactsTimesTheRouletteWeight) {
     // Other relaxivities: p doubles, so q = 0.8 fine and 0.6 coarse.
     MineralValueMap<double> doubled;
     doubled.set(Mineral::Quartz, 2.0);
-    EXPECT_NEAR(survivalSums(histories, run, doubled).perChunk[0][3], 2 * 0.64 * 0.6, 1e-15);
+    EXPECT_NEAR(survivalSums(histories, run, doubled).perChunk[0][3], up * 0.64 * 0.6, 1e-15);
     // 60 roulettes passed at once, with one coarse contact, in interval 2.
     const auto jump =
         survivalSums(expandHistories(encode({{{{2, {1}, 60}}, 4}}, 1, 2, 1)), run, run.relaxivity);
     EXPECT_EQ(jump.perChunk[0][1], 1.0);
-    EXPECT_DOUBLE_EQ(jump.perChunk[0][2], std::ldexp(0.8, 60));
+    EXPECT_DOUBLE_EQ(jump.perChunk[0][2], std::ldexp(0.8, 15));  // 60 quarter halvings
 }
 
 TEST(ReweightedDecay, ExpandedRecordsGiveTheSurvivalOfEveryHistoryWhateverTheCounts) {
@@ -214,7 +218,7 @@ TEST(ReweightedDecay, ExpandedRecordsGiveTheSurvivalOfEveryHistoryWhateverTheCou
         for (std::uint32_t i = 0; i < kIntervalCount; ++i) {
             for (; next < h.entries.size() && h.entries[next].interval == i; ++next) {
                 const Entry& e = h.entries[next];
-                weighted = std::ldexp(1.0, e.level);
+                weighted = rouletteWeight(static_cast<std::uint32_t>(e.level));
                 for (std::size_t t = 0; t <= next; ++t) {
                     for (std::uint32_t s = 0; s < kSlots; ++s) {
                         const double q = 1.0 - (h.entries[t].interval < run.fineIntervals
@@ -239,6 +243,102 @@ TEST(ReweightedDecay, ExpandedRecordsGiveTheSurvivalOfEveryHistoryWhateverTheCou
             ASSERT_NEAR(totals.surviving[i], expected[i], 1e-12 * (200.0 * largestWeighted)) << i;
         }
     }
+}
+
+// A recorded run whose schedule switches where its clay model's T2_micro says (fine steps
+// of 1 ms, coarse of 4 ms), and a survival that depends only on the time walked.
+struct SwitchingRun {
+    RecordedRun run;
+    std::vector<double> walked;  // of the recording
+    SurvivalTotals totals;
+    static constexpr double kSurvivalMs = 400.0;
+
+    explicit SwitchingRun(double clay) {
+        run.resolutionM = 1e-6;
+        run.fineStep = 0.25;
+        run.coarseStep = 0.5;
+        run.diffusionWater = run.scheduleDiffusion = 6.25e-14 * 1000.0 / 6.0;
+        run.clayMicroPorosity = 0.5;
+        run.totalWaterSaturation = 1.0;
+        run.bulkT2Ms = 1e300;
+        run.relaxivity = relaxivities(clay);
+        const auto model = buildClayMicroPorosityModel(0.5, 1e-6, clay, 1e-5);
+        const StepSchedule schedule = buildStepSchedule({.voxelSize = 1e-6,
+                                                         .fineStep = 0.25,
+                                                         .coarseStep = 0.5,
+                                                         .switchTime = model.t2Micro,
+                                                         .diffusionWater = run.scheduleDiffusion,
+                                                         .waterSelector = 1.0});
+        run.intervalEndTime = schedule.intervalEndTime;
+        run.fineIntervals = schedule.fineIntervals;
+        walked = walkedEndTimes(schedule, 1.0, 4.0);
+        totals.walkers = 1000.0;
+        for (double t : walked) totals.surviving.push_back(1000.0 * std::exp(-t / kSurvivalMs));
+    }
+    static MineralValueMap<double> relaxivities(double clay) {
+        MineralValueMap<double> r;
+        r.set(Mineral::Clay, clay);
+        r.set(Mineral::Quartz, 1e-5);
+        return r;
+    }
+};
+
+TEST(ReweightedDecay, OtherRelaxivitiesAreReadOffAsARunWithTheirOwnScheduleWouldWalk) {
+    const SwitchingRun recorded(1e-6);
+    const std::size_t n = 200;
+    // At the recording's own relaxivities: the recorded survival itself, to the last bit.
+    const auto own = decayAmplitudes(recorded.totals, recorded.run, recorded.run.relaxivity, n);
+    const DecayModel ownModel{buildClayMicroPorosityModel(0.5, 1e-6, 1e-6, 1e-5), 1.0, 0.0, 1e300,
+                              0.0};
+    for (std::size_t i = 0; i < n; ++i) {
+        const double f =
+            (1000.0 - recorded.totals.surviving[i] + recorded.totals.surviving.back()) / 1000.0;
+        ASSERT_EQ(own[i], decayAmplitude(f, recorded.run.intervalEndTime[i], ownModel)) << i;
+    }
+    // Three times the clay relaxivity moves the switch a third as far: a run there walks
+    // further by a given end time from its switch on, and sees the survival of that time.
+    const SwitchingRun other(3e-6);
+    ASSERT_LT(other.run.fineIntervals + 5, recorded.run.fineIntervals);
+    const auto read =
+        decayAmplitudes(recorded.totals, recorded.run, SwitchingRun::relaxivities(3e-6), n);
+    const DecayModel otherModel{buildClayMicroPorosityModel(0.5, 1e-6, 3e-6, 1e-5), 1.0, 0.0, 1e300,
+                                0.0};
+    for (std::size_t i = 0; i < n; ++i) {
+        const double t = recorded.run.intervalEndTime[i];
+        // Where t is one of the other run's end times, the survival it sees is exact up to
+        // the interpolation of an exponential between 6 % steps in time.
+        const auto j =
+            std::find(other.run.intervalEndTime.begin(), other.run.intervalEndTime.end(), t);
+        if (j == other.run.intervalEndTime.end()) continue;
+        const double walked =
+            other.walked[static_cast<std::size_t>(j - other.run.intervalEndTime.begin())];
+        const double f = 1.0 - std::exp(-walked / SwitchingRun::kSurvivalMs) +
+                         recorded.totals.surviving.back() / 1000.0;
+        EXPECT_NEAR(read[i], decayAmplitude(f, t, otherModel), 2e-4) << i;
+    }
+}
+
+TEST(ReweightedDecay, TheFitsScheduleMovesSmoothlyWhereARunsJumps) {
+    // Clay relaxivities 1 % apart, across several intervals of the switch: a run's decay
+    // jumps where its switch moves by an interval; the fit's blend must not.
+    const SwitchingRun recorded(1e-6);
+    double largestExact = 0.0, largestSmooth = 0.0;
+    std::vector<double> lastExact, lastSmooth;
+    for (double clay = 1.5e-6; clay < 3e-6; clay *= 1.01) {
+        const auto r = SwitchingRun::relaxivities(clay);
+        const auto exact = decayAmplitudes(recorded.totals, recorded.run, r, 250);
+        const auto smooth =
+            decayAmplitudes(recorded.totals, recorded.run, r, 250, ScheduleEmulation::Smooth);
+        for (std::size_t i = 0; i < 250 && !lastExact.empty(); ++i) {
+            largestExact = std::max(largestExact, std::abs(exact[i] - lastExact[i]));
+            largestSmooth = std::max(largestSmooth, std::abs(smooth[i] - lastSmooth[i]));
+        }
+        lastExact = exact;
+        lastSmooth = smooth;
+    }
+    // A jump of the switch by one interval shifts the late decay by a few % of T2_micro;
+    // the blend moves by a fraction of that per 1 % of relaxivity.
+    EXPECT_GT(largestExact, 4.0 * largestSmooth);
 }
 
 TEST(MeasuredWindow, PointsInsideTheSimulationAreComparedAtAFreeScale) {

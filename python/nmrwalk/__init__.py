@@ -170,17 +170,31 @@ def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=Fa
 
 
 class FitResult:
-    """Surface relaxivities fitted to a measured decay.
+    """Surface relaxivities fitted to a measured decay, as nmrwalk-fit reports them.
 
     Attributes:
         relaxivity:  {mineral display name: fitted relaxivity in m/s}
-        uncertainty: {mineral display name: one standard deviation in m/s}, from the
-                     walkers (bootstrap) and the measurement's scatter (curvature of the
-                     misfit) in quadrature, as nmrwalk-fit reports it
+        uncertainty: {mineral display name: one standard deviation in m/s}, the larger side
+                     of `interval`
+        interval:    {mineral display name: (low, high) in m/s}, where the misfit, profiled
+                     along that relaxivity with every other one refitted, has risen by what
+                     one standard deviation of the noise explains (the walk's own Monte
+                     Carlo noise and the measurement's); it spans the whole valley of
+                     relaxivities that the decay cannot tell apart
+        correlation: {(name, name): correlation of the two fitted values}, every pair
+        not_determined: [(name, name, correlation)] of the pairs the decay does not tell
+                     apart (|correlation| above 0.9): it fixes only a combination of them
+        surface_weighted_means: [({name: surface share}, value, uncertainty)], the
+                     combination each group of such minerals does fix: their mean
+                     relaxivity weighted by the pore surface each offers, in m/s
+        warnings:    lines such as "Warning: Quartz is at its upper bound ...", also issued
+                     through the warnings module
         at_bound:    {mineral display name: True when the value lies on a bound}
+        noise:       (walk, measurement white, measurement shaped like a walk's): rms per
+                     measured point, in the units of the simulated decay
         misfit:      sum of squared differences at the fit
         scale:       amplitude scale, simulated per measured unit
-        evaluations: decays computed by the optimiser
+        evaluations: decays computed by the search and the uncertainty
         time_ms, amplitude: the simulated decay at the fitted relaxivities
     """
 
@@ -188,7 +202,16 @@ class FitResult:
         names = fields["minerals"]
         self.relaxivity = dict(zip(names, fields["relaxivity"]))
         self.uncertainty = dict(zip(names, fields["uncertainty"]))
+        low, high = fields["interval"]
+        self.interval = {n: (lo, hi) for n, lo, hi in zip(names, low, high)}
+        matrix = fields["correlation"]
+        self.correlation = {(a, b): float(matrix[i][j]) for i, a in enumerate(names)
+                            for j, b in enumerate(names) if i != j}
+        self.not_determined = [tuple(pair) for pair in fields["not_determined"]]
+        self.surface_weighted_means = [tuple(mean) for mean in fields["surface_weighted_means"]]
+        self.warnings = list(fields["warnings"])
         self.at_bound = dict(zip(names, fields["at_bound"]))
+        self.noise = tuple(fields["noise"])
         self.misfit = fields["misfit"]
         self.scale = fields["scale"]
         self.evaluations = fields["evaluations"]
@@ -206,17 +229,20 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
 
     As nmrwalk-fit at one process: the walk of simulate() with every walker's contacts
     with each mineral recorded, then the relaxivities that make the simulated decay match
-    the measured one times a free amplitude scale (NLopt's BOBYQA on log relaxivity).
+    the measured one times a free amplitude scale (a coarse look over the bounds in log space, then NLopt's BOBYQA from its best valleys).
 
     labels, cell_size_um, params, minerals, seed, progress: as for simulate().
     time_ms, amplitude: the measured decay (at least 10 points inside the simulated times).
     fit:    mineral display names to fit; by default every mineral of the rock with a
             non-zero relaxivity in params. The others keep their values.
     bounds: (lower, upper) in m/s for every fitted mineral; by default each one's value in
-            params halved and doubled.
+            params divided and multiplied by 10. The walk lasts about as long as a
+            simulate() at the lower bounds.
 
     Returns a FitResult. The walk and the fit run with the GIL released; Ctrl-C stops the
-    walk with KeyboardInterrupt (the fit after it takes seconds).
+    walk with KeyboardInterrupt (the fit after it takes seconds). A fitted value on a bound
+    of its range is warned about (warnings.warn), as are the relaxivities the decay cannot
+    tell apart.
     """
     path, overrides = _parameter_overrides(params, seed)
     names = [fit] if isinstance(fit, str) else list(fit or [])
@@ -228,7 +254,13 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
     finally:
         if bar is not None:
             bar.close()
-    return FitResult(fields)
+    result = FitResult(fields)
+    for line in result.warnings:
+        warnings.warn(line, stacklevel=2)
+    for a, b, r in result.not_determined:
+        warnings.warn("Not separately determined: %s and %s (correlation %.2f)" % (a, b, r),
+                      stacklevel=2)
+    return result
 
 
 def invert(time_ms, amplitude, t2_min=0.0001, t2_max=10000.0, components=100):

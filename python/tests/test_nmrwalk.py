@@ -39,10 +39,17 @@ def write_run_directory(directory, labels, values):
     subprocess.run([os.path.join(BUILD, "nmrwalk"), "-p"], cwd=directory, capture_output=True)
     path = os.path.join(directory, "nmr.yaml")
     lines = []
+    replaced = False  # the nested lines of a replaced map go with it
     for line in open(path).read().splitlines():
         key = line.strip().split(":")[0]
+        if line.startswith("   ") and replaced:
+            continue
+        replaced = False
         if line.startswith("  ") and not line.startswith("   ") and key in values:
             value = values[key]
+            if isinstance(value, dict):
+                value = "{%s}" % ", ".join("%s: %r" % item for item in value.items())
+                replaced = True
             line = "  %s: %s" % (key, str(value).lower() if isinstance(value, bool) else value)
         lines.append(line)
     open(path, "w").write("\n".join(lines) + "\n")
@@ -114,7 +121,8 @@ def test_fit_equals_the_fit_tool_at_one_process(tmp_path):
     measured = nmrwalk.simulate(labels, 2.5, truth, minerals=MINERALS, seed=5)
     np.savetxt(tmp_path / "measured.txt", np.column_stack([measured.time_ms, measured.amplitude]),
                fmt="%.17g")
-    path = write_run_directory(tmp_path, labels, settings())
+    guess = settings(surfaceRelaxationStrengthWater={"Quartz": 1.6e-5, "Clay": 1e-6})
+    path = write_run_directory(tmp_path, labels, guess)
     done = subprocess.run([os.path.join(BUILD, "nmrwalk-fit"), "measured.txt"], cwd=tmp_path,
                           check=True, capture_output=True, text=True)
     printed = [line for line in done.stdout.splitlines() if line.startswith("Fitted ")]
@@ -123,10 +131,21 @@ def test_fit_equals_the_fit_tool_at_one_process(tmp_path):
                          minerals=MINERALS)
     assert printed == ["Fitted %s: %g m/s (+- %g)" % (name, value, result.uncertainty[name])
                        for name, value in result.relaxivity.items()]
-    assert result.relaxivity["Quartz"] == pytest.approx(3e-5, rel=0.1)
-    only_quartz = nmrwalk.fit(labels, 2.5, path, measured.time_ms, measured.amplitude,
-                              minerals=MINERALS, fit="Quartz", bounds=(1e-6, 1e-4))
-    assert list(only_quartz.relaxivity) == ["Quartz"]
+    pair = "Correlation of Clay and Quartz: %.2f" % result.correlation[("Clay", "Quartz")]
+    assert pair in done.stdout.splitlines()
+    for name, truth in (("Quartz", 3e-5), ("Clay", 4e-6)):
+        assert abs(result.relaxivity[name] - truth) <= 2 * result.uncertainty[name]
+    low, high = result.interval["Quartz"]
+    assert low < result.relaxivity["Quartz"] < high
+    assert result.uncertainty["Quartz"] == pytest.approx(
+        max(high - result.relaxivity["Quartz"], result.relaxivity["Quartz"] - low))
+    # A range that stops short of the truth: the value sits on its bound, and says so.
+    with pytest.warns(UserWarning, match="Quartz is at its upper bound 1.5e-05 m/s"):
+        capped = nmrwalk.fit(labels, 2.5, path, measured.time_ms, measured.amplitude,
+                             minerals=MINERALS, fit="Quartz", bounds=(1e-6, 1.5e-5))
+    assert list(capped.relaxivity) == ["Quartz"] and capped.at_bound["Quartz"]
+    assert capped.warnings == ["Warning: Quartz is at its upper bound 1.5e-05 m/s; the best "
+                               "fit may lie outside it (try bounds=(1e-06, 0.00015))"]
     expect(nmrwalk.Error, "Pyrite", lambda: nmrwalk.fit(
         labels, 2.5, path, measured.time_ms, measured.amplitude, minerals=MINERALS,
         fit="Pyrite"))

@@ -33,6 +33,12 @@ TEST(StepSchedule, SingleStepsThenGeometricGrowthAndTheSwitchToCoarseSteps) {
     EXPECT_EQ(s.fineIntervals, 5u);
     for (auto [i, t] : {std::pair{4, 5.0}, {5, 6.0}, {6, 8.0}, {7, 12.0}})
         EXPECT_NEAR(s.intervalEndTime[i], t, t * 1e-12) << i;
+    // What the walkers really walk: interval 5's one fine-step count is walked as a coarse
+    // step, so from there on the walk is 3 ms ahead of the end times (then 5 ms, as the
+    // count restarts from trunc(6 / 4) = 1 coarse step).
+    const std::vector<double> walked = walkedEndTimes(s, 1.0, 4.0);
+    for (auto [i, t] : {std::pair{4, 5.0}, {5, 9.0}, {6, 13.0}, {7, 17.0}})
+        EXPECT_NEAR(walked[i], t, t * 1e-12) << i;
 }
 
 TEST(AbsorptionTable, ContactFactorTimesStepOverDiffusionWithMatrixForcedToZero) {
