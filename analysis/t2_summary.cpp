@@ -28,6 +28,26 @@ std::string number(double v) {
     return text;
 }
 
+// A JSON string: quotes, backslashes and control characters escaped (file names may hold
+// any of them).
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x",
+                          static_cast<unsigned>(static_cast<unsigned char>(c)));
+            out += escape;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
 }  // namespace
 
 T2Summary summariseT2(const std::vector<double>& t2, const std::vector<double>& amplitudes,
@@ -84,14 +104,34 @@ std::vector<std::pair<std::string, double>> summaryEntries(const T2Summary& s) {
 
 std::string summaryJson(const T2Summary& s,
                         const std::vector<std::pair<std::string, double>>& extra) {
+    return summaryJson(s, extra, {}, {}, {}, {});
+}
+
+std::string summaryJson(const T2Summary& s,
+                        const std::vector<std::pair<std::string, double>>& extra,
+                        const std::vector<std::pair<std::string, std::string>>& texts,
+                        const std::vector<double>& t2, const std::vector<double>& amplitudes,
+                        const std::string& amplitudeUnit) {
     std::ostringstream out;
     out << "{";
     const char* separator = "\n";
+    const auto key = [&](const std::string& name) -> std::ostringstream& {
+        out << separator << "  " << quoted(name) << ": ";
+        separator = ",\n";
+        return out;
+    };
     auto entries = summaryEntries(s);
     entries.insert(entries.end(), extra.begin(), extra.end());
-    for (const auto& [name, value] : entries) {
-        out << separator << "  \"" << name << "\": " << number(value);
-        separator = ",\n";
+    for (const auto& [name, value] : entries) key(name) << number(value);
+    for (const auto& [name, text] : texts) key(name) << quoted(text);
+    if (!amplitudeUnit.empty()) {
+        key("units") << "{\"t2\": \"ms\", \"amplitude\": " << quoted(amplitudeUnit) << "}";
+        for (const auto& [name, values] : {std::pair{"t2Ms", &t2}, {"amplitude", &amplitudes}}) {
+            key(name) << "[";
+            for (std::size_t i = 0; i < values->size(); ++i)
+                out << (i == 0 ? "" : ", ") << number((*values)[i]);
+            out << "]";
+        }
     }
     out << "\n}\n";
     return out.str();

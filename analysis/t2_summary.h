@@ -39,4 +39,14 @@ std::vector<std::pair<std::string, double>> summaryEntries(const T2Summary& summ
 std::string summaryJson(const T2Summary& summary,
                         const std::vector<std::pair<std::string, double>>& extra = {});
 
+// T2summary.json as the tools write it: the figures and `extra` as above, then `texts`
+// (name, text: where the distribution came from, e.g. "source"), "units" (T2 in ms, the
+// amplitude in `amplitudeUnit`) and the distribution itself as "t2Ms" and "amplitude", so
+// that the file is read without the bare two-column one beside it.
+std::string summaryJson(const T2Summary& summary,
+                        const std::vector<std::pair<std::string, double>>& extra,
+                        const std::vector<std::pair<std::string, std::string>>& texts,
+                        const std::vector<double>& t2, const std::vector<double>& amplitudes,
+                        const std::string& amplitudeUnit);
+
 }  // namespace nmr::analysis

@@ -1,8 +1,11 @@
 #include "app/command_line.h"
 
 #include <exception>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sstream>
+#include <system_error>
 
 #include "app/version.h"
 #include "common/exception.h"
@@ -39,6 +42,34 @@ const OptionDefinition* findLong(const std::vector<OptionDefinition>& definition
 void printLines(std::ostream& out, const std::string& text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) out << line << std::endl;
+}
+
+// -p writes the template over "nmr.yaml". A file there that says anything else is the
+// user's work, so it is moved aside to "nmr.yaml~" first (replacing an older one) and the
+// user is told where it went; a copy of the template itself is simply replaced. When the
+// file cannot be moved aside, the template is not written at all.
+void writeTemplateKeepingTheUsersFile(std::ostream& out, std::ostream& notes) {
+    const std::string backup = std::string(kTemplatePath) + "~";
+    std::error_code error;
+    if (std::filesystem::exists(kTemplatePath, error)) {
+        std::ifstream in(kTemplatePath, std::ios::binary);
+        std::ostringstream old;
+        old << in.rdbuf();
+        if (old.str() != encodeParameters(templateParameters()) + "\n") {
+            std::filesystem::rename(kTemplatePath, backup, error);
+            if (error) {
+                notes << "Could not keep the existing " << kTemplatePath << " as " << backup << " ("
+                      << error.message() << "), so the template was not written" << std::endl;
+                return;
+            }
+            notes << "Kept the existing " << kTemplatePath << " as " << backup << std::endl;
+        }
+    }
+    try {
+        writeTemplateFile(kTemplatePath);
+    } catch (...) {
+        out << currentExceptionText() << std::endl;
+    }
 }
 
 }  // namespace
@@ -102,7 +133,7 @@ std::string usageText(const std::string& programPath) {
 }
 
 bool handleCommandLine(int rank, const std::vector<std::string>& commandLine,
-                       std::uint32_t& memoryLimitMB, std::ostream& out) {
+                       std::uint32_t& memoryLimitMB, std::ostream& out, std::ostream& notes) {
     const bool printer = rank == 0;
     const std::string programPath = commandLine.empty() ? std::string() : commandLine.front();
     const std::vector<std::string> arguments(
@@ -126,13 +157,7 @@ bool handleCommandLine(int rank, const std::vector<std::string>& commandLine,
         carryOn = false;
     }
     if (options.count(kParameters)) {
-        if (printer) {
-            try {
-                writeTemplateFile(kTemplatePath);
-            } catch (...) {
-                out << currentExceptionText() << std::endl;
-            }
-        }
+        if (printer) writeTemplateKeepingTheUsersFile(out, notes);
         carryOn = false;
     }
     if (const auto it = options.find(kMemoryLimit); it != options.end()) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iostream>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -42,9 +43,11 @@ std::string usageText(const std::string& programPath);
 // What one process does with the command line: prints the requested texts on rank 0
 // (the invalid memory limit on every rank), writes "nmr.yaml" for -p and updates
 // memoryLimitMB. commandLine holds the program path first. True means "go on with the
-// run"; every request (-h, -V, -p) and every error gives false.
+// run"; every request (-h, -V, -p) and every error gives false. An "nmr.yaml" that -p
+// finds and that is not the template is kept as "nmr.yaml~", which `notes` is told.
 bool handleCommandLine(int rank, const std::vector<std::string>& commandLine,
-                       std::uint32_t& memoryLimitMB, std::ostream& out);
+                       std::uint32_t& memoryLimitMB, std::ostream& out,
+                       std::ostream& notes = std::cerr);
 
 // Collective: handleCommandLine on standard output, then the logical and of every
 // process's result, so a request or an error on any process ends the run everywhere.

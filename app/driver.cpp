@@ -23,6 +23,8 @@
 #include "simulation/rock_summary.h"
 #include "simulation/run_results.h"
 #include "simulation/run_setup.h"
+#include "simulation/step_rate.h"
+#include "simulation/walk_warnings.h"
 #include "simulation/walker_loop.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
@@ -75,6 +77,7 @@ public:
         summary_ = computeRockSummary(*parameters_, grid_.grid());
         if (rank_ == kRoot) printRockSummary(std::cout, summary_, *parameters_, grid_.grid());
         plan_ = buildWalkPlan(summary_, *parameters_);
+        if (rank_ == kRoot) warnBeforeWalking();
 
         status_ = pollJobStatus(JobStatus::Running, rank_);
         if (status_ != JobStatus::Running) return finish(kEarlyEnd);
@@ -110,6 +113,22 @@ private:
         return parameters_ != nullptr;
     }
 
+    // Settings the run's rules accept but that give a wrong decay without a word, or a walk
+    // that does not end, are named on standard error; the run goes on as its rules say.
+    // The step rate is measured only for a walk in which nothing is ever absorbed, to say
+    // how long it will take.
+    void warnBeforeWalking() {
+        double stepsPerSecond = 0.0;
+        if (!walkers_.empty() && nothingAbsorbs(grid_.grid(), plan_)) {
+            stepsPerSecond = grid_.visit(
+                [&](const auto& grid) { return measureStepRate(grid, walkers_.front(), plan_); });
+        }
+        for (const std::string& line :
+             walkWarnings(*parameters_, summary_, plan_, grid_.grid(), stepsPerSecond, size_)) {
+            std::cerr << line << std::endl;
+        }
+    }
+
     // Every process sends it, each into its own working directory; where they share one
     // the last writer wins, which is harmless because the texts are identical.
     void announceGridReading() {
@@ -129,8 +148,9 @@ private:
     }
 
     bool distributeGrid() {
-        const DistributionRequest request =
+        DistributionRequest request =
             distributionRequest(*parameters_, rank_, size_, memoryLimitMB_);
+        request.details = &std::cerr;
         grid_ = distributeGridAndWalkers(request, *stream_, walkers_, std::cout);
         return static_cast<bool>(grid_);
     }

@@ -5,22 +5,24 @@
 
 namespace nmr {
 
-Exception::Exception(std::string message)
-    : message_(std::make_unique<std::string>(std::move(message))) {}
+Exception::Exception(std::string message) : Exception(std::move(message), std::string()) {}
+
+Exception::Exception(std::string message, std::string detail)
+    : text_(std::make_unique<Text>(Text{std::move(message), std::move(detail)})) {}
 
 Exception::Exception(const Exception& other)
-    : message_(std::make_unique<std::string>(other.message_ ? *other.message_ : std::string())) {}
+    : text_(std::make_unique<Text>(other.text_ ? *other.text_ : Text{})) {}
 
 Exception& Exception::operator=(const Exception& other) {
-    if (this != &other) {
-        message_ = std::make_unique<std::string>(other.message_ ? *other.message_ : std::string());
-    }
+    if (this != &other) text_ = std::make_unique<Text>(other.text_ ? *other.text_ : Text{});
     return *this;
 }
 
 Exception::~Exception() = default;
 
-std::string Exception::message() const { return message_ ? *message_ : std::string(); }
+std::string Exception::message() const { return text_ ? text_->message : std::string(); }
+
+std::string Exception::detail() const { return text_ ? text_->detail : std::string(); }
 
 void Exception::raise() const { throw *this; }
 
@@ -35,6 +37,16 @@ std::string currentExceptionText() {
         return e.what();
     } catch (...) {
         return "unknown error";
+    }
+}
+
+std::string currentExceptionDetail() {
+    try {
+        throw;
+    } catch (const Exception& e) {
+        return e.detail();
+    } catch (...) {
+        return {};
     }
 }
 

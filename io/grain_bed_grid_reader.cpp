@@ -226,17 +226,35 @@ GrainBedGridHeader readGrainBedGridFileHeader(const std::string& fileName, Logge
 }
 
 GrainBedGridSliceReader::GrainBedGridSliceReader(CompressedInStream& in, std::uint32_t nx,
-                                                 std::uint32_t ny, LoggerBase& logger)
+                                                 std::uint32_t ny, std::uint32_t nz,
+                                                 LoggerBase& logger)
     : in_(in),
       logger_(logger),
+      nx_(nx),
+      ny_(ny),
+      nz_(nz),
       records_(static_cast<std::size_t>(nx) * ny),
       buffer_(records_ * grain_bed_grid::kRecordBytes) {}
 
 const char* GrainBedGridSliceReader::next() {
-    if (in_.read(buffer_.data(), buffer_.size()) != buffer_.size()) {
+    const std::size_t got = in_.read(buffer_.data(), buffer_.size());
+    if (got != buffer_.size()) {
         logger_.error("Binary grain bed grid file corrupted. Did not find enough data for a grid");
-        throw FileAccessException("Did not find enough data for a grid");
+        // A file cut short (a copy or a download that stopped) is the usual cause; the
+        // sizes tell how much is missing.
+        const std::uint64_t missing =
+            static_cast<std::uint64_t>(nz_ > slicesRead_ ? nz_ - slicesRead_ : 1) * buffer_.size() -
+            got;
+        throw FileAccessException(
+            "Did not find enough data for a grid",
+            in_.fileName() + ": its header gives " + std::to_string(nx_) + " x " +
+                std::to_string(ny_) + " x " + std::to_string(nz_) + " cells of " +
+                std::to_string(grain_bed_grid::kRecordBytes) + " bytes, but slice z = " +
+                std::to_string(slicesRead_) + " holds only " + std::to_string(got) + " of its " +
+                std::to_string(buffer_.size()) + " bytes and " + std::to_string(missing) +
+                " bytes are missing: the file was cut short (an incomplete copy or download?)");
     }
+    ++slicesRead_;
     return buffer_.data();
 }
 

@@ -28,19 +28,22 @@ std::unique_ptr<CompressedInStream> openGrainBedGridFile(const std::string& file
 // The header alone.
 GrainBedGridHeader readGrainBedGridFileHeader(const std::string& fileName, LoggerBase& logger);
 
-// Delivers the cell records one z slice (nx * ny records of 4 bytes) at a time.
+// Delivers the cell records one z slice (nx * ny records of 4 bytes) at a time, nz slices.
 class GrainBedGridSliceReader {
 public:
     GrainBedGridSliceReader(CompressedInStream& in, std::uint32_t nx, std::uint32_t ny,
-                            LoggerBase& logger);
+                            std::uint32_t nz, LoggerBase& logger);
     // The next slice's records. Throws FileAccessException "Did not find enough data for a
-    // grid" when the file ends early.
+    // grid" when the file ends early, with the file, the slice and the bytes missing as
+    // its detail.
     const char* next();
     std::size_t recordsPerSlice() const { return records_; }
 
 private:
     CompressedInStream& in_;
     LoggerBase& logger_;
+    std::uint32_t nx_, ny_, nz_;
+    std::uint32_t slicesRead_ = 0;
     std::size_t records_;
     std::vector<char> buffer_;
 };

@@ -1,6 +1,9 @@
 #include "io/grain_bed_grid_writer.h"
 
+#include <cerrno>
+
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "grid/sliced_grid.h"
 #include "io/compressed_out_stream.h"
 #include "io/grain_bed_grid_format.h"
@@ -32,9 +35,13 @@ GrainBedGridWriter::GrainBedGridWriter(const std::string& path, std::uint32_t nx
       logger_(&orNull(logger)),
       out_(std::make_unique<CompressedOutStream>()) {
     if (path_.empty()) throw FileAccessException("Found empty string as file name.");
+    errno = 0;
     if (!out_->open(path_)) {
+        // The message is the format's own; why the system refused goes with it as detail.
+        const int reason = errno;
         logger_->error("Unable to open: " + path_);
-        throw FileAccessException("Unable to open file: " + path_);
+        throw FileAccessException("Unable to open file: " + path_,
+                                  reason != 0 ? path_ + ": " + systemErrorText(reason) : "");
     }
     const std::string description = grain_bed_grid::descriptionBlock();
     out_->write(description.data(), description.size());

@@ -1,6 +1,7 @@
 #include "io/grid_loader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <new>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "io/compressed_in_stream.h"
 #include "io/grain_bed_grid_reader.h"
 #include "io/mineral_grid_text_converter.h"
@@ -70,7 +72,13 @@ void checkRecordsFit(const OpenGridFile& file, LoggerBase& logger) {
     const std::uint64_t records = static_cast<std::uint64_t>(h.nx) * h.ny * h.nz;
     if (records * grain_bed_grid::kRecordBytes > onDisk * kMaxDecodedBytesPerFileByte) {
         logger.error("Binary grain bed grid file corrupted. Did not find enough data for a grid");
-        throw FileAccessException("Did not find enough data for a grid");
+        throw FileAccessException(
+            "Did not find enough data for a grid",
+            file.in->fileName() + ": its header gives " + std::to_string(h.nx) + " x " +
+                std::to_string(h.ny) + " x " + std::to_string(h.nz) + " cells (" +
+                std::to_string(records * grain_bed_grid::kRecordBytes) +
+                " bytes of records), more than its " + std::to_string(onDisk) +
+                " bytes on disk can hold: the header or the file is damaged");
     }
 }
 
@@ -113,7 +121,7 @@ void readCells(OpenGridFile& file, const GridLoadGeometry& g, const GridLoadOpti
                LoggerBase& logger, ProgressReporter& progress, Place&& place) {
     const GrainBedGridHeader& h = file.header;
     const std::uint32_t nx = h.nx, ny = h.ny, nz = h.nz;
-    GrainBedGridSliceReader reader(*file.in, nx, ny, logger);
+    GrainBedGridSliceReader reader(*file.in, nx, ny, nz, logger);
     for (std::uint32_t z = 0; z < nz; ++z) {
         if (options.disableCancel) {
             progress.step();
@@ -206,8 +214,13 @@ GridLoadGeometry computeGridLoadGeometry(const GrainBedGridHeader& header,
 }
 
 bool isBinaryGridFile(const std::string& fileName) {
+    errno = 0;
     std::ifstream in(fileName, std::ios_base::in | std::ios_base::binary);
-    if (!in.is_open()) throw Exception("Could not open file: " + fileName);
+    if (!in.is_open()) {
+        const int reason = errno;
+        throw Exception("Could not open file: " + fileName,
+                        reason != 0 ? fileName + ": " + systemErrorText(reason) : "");
+    }
     char c = 0;
     int seen = 0;
     while (seen < kProbeCharacters && in >> c) {

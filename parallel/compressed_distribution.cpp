@@ -88,7 +88,7 @@ DistributedGrid distributeCompressed(const DistributionRequest& request, RandomS
 
     std::shared_ptr<CompressedGrid> read;
     if (rank == kRoot) {
-        read = timedRead(request.gridPath, console, [&] {
+        read = timedRead(request, console, [&] {
             NullLogger quiet;
             NullProgressReporter progress;
             return loadCompressedBlockedGrid(request.gridPath, loadOptions(request), budgetMb,

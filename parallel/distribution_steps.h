@@ -50,17 +50,23 @@ bool checkVoxels(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream&
 bool hasStartablePore(const ByteMineralGrid& grid, std::ostream& console);
 bool hasStartablePore(const CompressedBlockedGrid<Mineral::Type>& grid, std::ostream& console);
 
+// Under a message of the console, its detail (Exception::detail) where the request sends
+// details.
+void printDetail(const DistributionRequest& request, const std::string& detail);
+
 // Process 0 reads and prints "* Read grid time: "; load() returns the grid or throws.
 template <typename Load>
-auto timedRead(const std::string& path, std::ostream& console, Load&& load) -> decltype(load()) {
+auto timedRead(const DistributionRequest& request, std::ostream& console, Load&& load)
+    -> decltype(load()) {
     decltype(load()) grid;
     const double start = mpi::wallTime();
     try {
         grid = load();
     } catch (const Exception& e) {
         console << e.message() << std::endl;
+        printDetail(request, e.detail());
     } catch (const std::bad_alloc&) {
-        console << "Unable to allocate memory for the grid of " << path << std::endl;
+        console << "Unable to allocate memory for the grid of " << request.gridPath << std::endl;
     }
     console << "* Read grid time: " << mpi::wallTime() - start << std::endl;
     if (grid && !checkVoxels(*grid, console)) grid.reset();

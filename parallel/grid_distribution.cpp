@@ -14,19 +14,27 @@ namespace distribution {
 namespace {
 
 // The region's extents must fit the file, and so must its far corner: a box that ran
-// past the file's last cell would silently walk on cells nobody read.
-bool regionFits(const RegionOfInterest& region, const GridFileSummary& file) {
-    const std::uint64_t extents[3] = {std::uint64_t{region.xMax} - region.xMin,
-                                      std::uint64_t{region.yMax} - region.yMin,
-                                      std::uint64_t{region.zMax} - region.zMin};
+// past the file's last cell would silently walk on cells nobody read. Empty when it fits;
+// otherwise what does not fit, for the user.
+std::string regionMisfit(const RegionOfInterest& region, const GridFileSummary& file,
+                         const std::string& path) {
+    const std::uint64_t begins[3] = {region.xMin, region.yMin, region.zMin};
+    const std::uint64_t finals[3] = {region.xMax, region.yMax, region.zMax};
     const std::uint64_t sizes[3] = {file.nx, file.ny, file.nz};
-    const std::uint64_t ends[3] = {std::uint64_t{file.marginX} + region.xMax,
-                                   std::uint64_t{file.marginY} + region.yMax,
-                                   std::uint64_t{file.marginZ} + region.zMax};
+    const std::uint64_t margins[3] = {file.marginX, file.marginY, file.marginZ};
     for (int a = 0; a < 3; ++a) {
-        if (extents[a] > sizes[a] || ends[a] > sizes[a]) return false;
+        const std::uint64_t interior = sizes[a] > 2 * margins[a] ? sizes[a] - 2 * margins[a] : 0;
+        if (finals[a] - begins[a] > sizes[a] || margins[a] + finals[a] > sizes[a]) {
+            const std::string axis(1, "xyz"[a]);
+            return "regionOfInterest " + axis + " [" + std::to_string(begins[a]) + ", " +
+                   std::to_string(finals[a]) + "] does not fit the " + std::to_string(interior) +
+                   " cells of " + path + " along " + axis +
+                   (margins[a] > 0 ? " (" + std::to_string(sizes[a]) + " with margins)" : "") +
+                   ": keep " + axis + " within [0, " + std::to_string(interior) +
+                   "], or set subsampleCalculation to false to walk the whole grid";
+        }
     }
-    return true;
+    return {};
 }
 
 void printInvalidVoxels(std::ostream& console) {
@@ -44,8 +52,9 @@ GridPlan planGrid(const DistributionRequest& request, std::ostream& console) {
         plan.readable = true;
         try {
             plan.file = readGridFileSummary(request.gridPath, quiet);
-        } catch (const Exception&) {
+        } catch (const Exception& e) {
             console << "Unable to read grid file: " << request.gridPath << std::endl;
+            printDetail(request, e.detail().empty() ? e.message() : e.detail());
             plan.readable = false;
         }
         auto x = static_cast<std::int32_t>(plan.file.nx);
@@ -55,8 +64,11 @@ GridPlan planGrid(const DistributionRequest& request, std::ostream& console) {
             x = static_cast<std::int32_t>(request.region.xMax - request.region.xMin);
             y = static_cast<std::int32_t>(request.region.yMax - request.region.yMin);
             z = static_cast<std::int32_t>(request.region.zMax - request.region.zMin);
-            if (!regionFits(request.region, plan.file)) {
+            if (const std::string misfit =
+                    regionMisfit(request.region, plan.file, request.gridPath);
+                !misfit.empty()) {
                 console << "Sub-region size does not match grid size." << std::endl;
+                printDetail(request, misfit);
                 plan.readable = false;
             }
         }
@@ -71,6 +83,10 @@ GridPlan planGrid(const DistributionRequest& request, std::ostream& console) {
 }
 
 }  // namespace
+
+void printDetail(const DistributionRequest& request, const std::string& detail) {
+    if (request.details != nullptr && !detail.empty()) *request.details << detail << std::endl;
+}
 
 GridLoadOptions loadOptions(const DistributionRequest& request) {
     GridLoadOptions options;

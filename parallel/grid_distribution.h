@@ -30,6 +30,10 @@ struct DistributionRequest {
     std::uint32_t memoryLimitMb = kDefaultMemoryLimitMb;
     // Over all processes.
     std::int32_t numberOfWalkers = 0;
+    // Where process 0 writes what a fixed console message leaves out (which file, which
+    // axis, what sizes), one line under it; nowhere when null. The programs pass standard
+    // error, so their standard output stays as it always was.
+    std::ostream* details = nullptr;
 };
 
 // This process's view of the grid: a plain grid (one byte per cell in memory shared by

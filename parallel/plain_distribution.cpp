@@ -124,7 +124,7 @@ DistributedGrid distributePlain(const DistributionRequest& request, const GridPl
 
     std::shared_ptr<ByteMineralGrid> read;
     if (rank == kRoot) {
-        read = timedRead(request.gridPath, console, [&] {
+        read = timedRead(request, console, [&] {
             NullLogger quiet;
             NullProgressReporter progress;
             return loadByteMineralGrid(

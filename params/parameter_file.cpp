@@ -53,11 +53,51 @@ void checkRequiredKeys(const YAML::Node& node) {
     }
 }
 
+// What a value that failed to convert looks like, for the message that names its key.
+std::string shown(const YAML::Node& node) {
+    if (node.IsNull()) return "nothing";
+    if (node.IsMap()) return "a map";
+    if (node.IsSequence()) return "a list";
+    return "\"" + node.Scalar() + "\"";
+}
+
+// The YAML library's own conversion error says "bad conversion" and where, but not which
+// setting or what it wanted; this one says both and keeps the library's position.
+[[noreturn]] void badValue(const YAML::Node& node, const YAML::Mark& where, const std::string& what,
+                           const std::string& expected) {
+    if (!node.IsDefined()) {
+        throw YAML::RepresentationException(
+            where, "bad conversion: " + what + " is missing; it must be " + expected);
+    }
+    throw YAML::RepresentationException(
+        where, "bad conversion: " + what + " must be " + expected + ", not " + shown(node));
+}
+
+template <typename T>
+T valueOf(const YAML::Node& node, const std::string& what, const std::string& expected,
+          const YAML::Mark& fallback) {
+    if (!node.IsDefined()) badValue(node, fallback, what, expected);
+    try {
+        return node.as<T>();
+    } catch (const YAML::BadConversion& e) {
+        badValue(node, e.mark, what, expected);
+    }
+}
+
+// settings[key] converted to T; `expected` says what the key takes, for the message.
+template <typename T>
+T take(const YAML::Node& settings, const char* key, const std::string& expected) {
+    return valueOf<T>(settings[key], key, expected, settings.Mark());
+}
+
+constexpr const char* kNumber = "a number";
+
 // A map from display name to value. An unknown name is an error rather than an entry
 // under the unknown code: a misspelt "Quartz " would otherwise silently give quartz no
 // relaxivity at all, and the mineral would look inert in the results.
-MineralValueMap<double> readMineralMap(const YAML::Node& node) {
-    if (!node.IsMap()) throw YAML::TypedBadConversion<MineralValueMap<double>>(node.Mark());
+MineralValueMap<double> readMineralMap(const YAML::Node& settings, const char* key) {
+    const YAML::Node node = settings[key];
+    if (!node.IsMap()) badValue(node, node.Mark(), key, "a map of mineral names to numbers");
     MineralValueMap<double> values;
     for (const auto& entry : node) {
         const auto name = entry.first.as<std::string>();
@@ -65,7 +105,8 @@ MineralValueMap<double> readMineralMap(const YAML::Node& node) {
         if (code == Mineral::Unknown) {
             throw YAML::RepresentationException(entry.first.Mark(), "Unknown mineral: " + name);
         }
-        values.set(code, entry.second.as<double>());
+        values.set(code, valueOf<double>(entry.second, std::string(key) + " of " + name, kNumber,
+                                         entry.second.Mark()));
     }
     return values;
 }
@@ -98,8 +139,11 @@ bool readRegion(const YAML::Node& node, RegionOfInterestCapableThing& region) {
         if (!range || !range.IsSequence() || range.size() != 2) return false;
         // Read wide so that bounds up to 2^32 - 1 are taken as written; the wrap of a
         // negative value to a huge unsigned one is then the rule above.
-        const auto first = static_cast<std::uint32_t>(range[0].as<std::int64_t>());
-        const auto second = static_cast<std::uint32_t>(range[1].as<std::int64_t>());
+        const std::string what = std::string("regionOfInterest ") + axis.key;
+        const auto first = static_cast<std::uint32_t>(
+            valueOf<std::int64_t>(range[0], what, "two whole numbers", range.Mark()));
+        const auto second = static_cast<std::uint32_t>(
+            valueOf<std::int64_t>(range[1], what, "two whole numbers", range.Mark()));
         if (!(first < second)) throw Exception(axis.invalidMessage);
         (region.*axis.setRange)(first, second);
     }
@@ -127,50 +171,50 @@ constexpr std::int32_t kMaxT2Components = 500;
 void fill(const YAML::Node& node, Record& record) {
     checkRequiredKeys(node);
 
-    record.setGrid(node["grid"].as<std::string>());
-    record.setGyroMagneticRatio(node["gyroMagneticRatio"].as<double>());
-    record.setEchoSpacing(node["echoSpacing"].as<double>());
-    record.setMagneticFieldGradient(node["magneticFieldGradient"].as<double>());
-    record.setSaturationFile(node["saturationFile"].as<bool>());
-    record.setWaterSaturation(node["waterSaturation"].as<double>());
-    record.setClayMicroPorosity(node["clayMicroPorosity"].as<double>());
-    record.setBulkWaterT2(node["bulkWaterT2"].as<double>());
-    record.setDiffusionConstantWater(node["diffusionConstantWater"].as<double>());
-    record.setDiffusionConstantOil(node["diffusionConstantOil"].as<double>());
+    record.setGrid(take<std::string>(node, "grid", "a file name"));
+    record.setGyroMagneticRatio(take<double>(node, "gyroMagneticRatio", kNumber));
+    record.setEchoSpacing(take<double>(node, "echoSpacing", kNumber));
+    record.setMagneticFieldGradient(take<double>(node, "magneticFieldGradient", kNumber));
+    record.setSaturationFile(take<bool>(node, "saturationFile", "true or false"));
+    record.setWaterSaturation(take<double>(node, "waterSaturation", kNumber));
+    record.setClayMicroPorosity(take<double>(node, "clayMicroPorosity", kNumber));
+    record.setBulkWaterT2(take<double>(node, "bulkWaterT2", kNumber));
+    record.setDiffusionConstantWater(take<double>(node, "diffusionConstantWater", kNumber));
+    record.setDiffusionConstantOil(take<double>(node, "diffusionConstantOil", kNumber));
     record.setSurfaceRelaxationStrengthWater(
-        readMineralMap(node["surfaceRelaxationStrengthWater"]));
-    record.setBulkOilT2(node["bulkOilT2"].as<std::vector<double>>());
-    record.setIntensityT2(node["intensityT2"].as<std::vector<double>>());
-    record.setSurfaceRelaxationStrengthOil(readMineralMap(node["surfaceRelaxationStrengthOil"]));
-    record.setNumberOfWalkers(node["numberOfWalkers"].as<std::int32_t>());
-    record.setStepLength(node["stepLength"].as<double>());
-    record.setRandomSeed(node["randomSeed"].as<std::int32_t>());
+        readMineralMap(node, "surfaceRelaxationStrengthWater"));
+    record.setBulkOilT2(take<std::vector<double>>(node, "bulkOilT2", "a list of numbers"));
+    record.setIntensityT2(take<std::vector<double>>(node, "intensityT2", "a list of numbers"));
+    record.setSurfaceRelaxationStrengthOil(readMineralMap(node, "surfaceRelaxationStrengthOil"));
+    record.setNumberOfWalkers(take<std::int32_t>(node, "numberOfWalkers", "a whole number"));
+    record.setStepLength(take<double>(node, "stepLength", kNumber));
+    record.setRandomSeed(take<std::int32_t>(node, "randomSeed", "a whole number"));
 
     const YAML::Node regionNode = node["regionOfInterest"];
     auto region = std::make_unique<RegionOfInterestCapableThing>();
     if (!readRegion(regionNode, *region)) {
-        throw YAML::TypedBadConversion<RegionOfInterest>(regionNode.Mark());
+        badValue(regionNode, regionNode.Mark(), "regionOfInterest",
+                 "a map of x, y and z, each [begin, end]");
     }
     // The file's subsampleCalculation decides whether the box is used at all.
-    region->setEnabled(node["subsampleCalculation"].as<bool>());
+    region->setEnabled(take<bool>(node, "subsampleCalculation", "true or false"));
     record.setRegionOfInterest(std::move(region));
 
-    if (const YAML::Node components = node["t2Components"]) {
+    if (node["t2Components"]) {
         record.setT2Components(
-            std::clamp(components.as<std::int32_t>(), kMinT2Components, kMaxT2Components));
+            std::clamp(take<std::int32_t>(node, "t2Components", "a whole number"), kMinT2Components,
+                       kMaxT2Components));
     }
 
-    if (const YAML::Node interval = node["checkpointInterval"]) {
-        record.setCheckpointInterval(interval.as<double>());
+    if (node["checkpointInterval"]) {
+        record.setCheckpointInterval(take<double>(node, "checkpointInterval", "seconds"));
     }
 
     // An axis is only taken whole: one end alone, or an empty or inverted range, leaves the
     // default axis rather than a half-edited one.
-    const YAML::Node t2Min = node["t2Minimum"];
-    const YAML::Node t2Max = node["t2Maximum"];
-    if (t2Min && t2Max) {
-        const auto lower = t2Min.as<double>();
-        const auto upper = t2Max.as<double>();
+    if (node["t2Minimum"] && node["t2Maximum"]) {
+        const auto lower = take<double>(node, "t2Minimum", kNumber);
+        const auto upper = take<double>(node, "t2Maximum", kNumber);
         if (upper > lower) {
             record.setT2Minimum(lower);
             record.setT2Maximum(upper);

@@ -20,6 +20,9 @@ public:
     // (ValueError) for a name that is not a mineral's or a label that is not an integer.
     explicit LabelCodes(const pybind11::dict& minerals);
 
+    // True when the labels are the mineral codes themselves (no table was given).
+    bool identity() const { return identity_; }
+
     // Throws std::invalid_argument naming the label and the cell where it was met.
     std::uint8_t codeOf(std::int64_t label, std::uint32_t x, std::uint32_t y,
                         std::uint32_t z) const {

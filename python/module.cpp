@@ -6,6 +6,7 @@
 #include <pybind11/stl.h>
 #include <yaml-cpp/yaml.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -31,6 +33,8 @@
 #include "python/label_volume.h"
 #include "simulation/local_run.h"
 #include "simulation/run_setup.h"
+#include "simulation/step_rate.h"
+#include "simulation/walk_warnings.h"
 #include "t2/t2_inversion.h"
 
 namespace py = pybind11;
@@ -76,10 +80,23 @@ py::array_t<double> arrayOf(const std::vector<double>& values) {
     return out;
 }
 
+constexpr const char* kRelaxivityKeys[] = {"surfaceRelaxationStrengthWater",
+                                           "surfaceRelaxationStrengthOil"};
+
+bool isRelaxivityKey(const std::string& key) {
+    return std::any_of(std::begin(kRelaxivityKeys), std::end(kRelaxivityKeys),
+                       [&](const char* k) { return key == k; });
+}
+
 // The settings of nmrwalk -p with `overrides` (a YAML map of settings) in place. A key a
 // parameter file cannot hold raises KeyError: a misspelt key would otherwise be ignored
-// and the run would quietly use the template's value.
-std::unique_ptr<Parameters> parametersWith(const YAML::Node& overrides, const std::string& origin) {
+// and the run would quietly use the template's value. With mergeRelaxivities, a relaxivity
+// map replaces the template's values of the minerals it names and keeps the others: a dict
+// that names only Quartz would otherwise leave Clay without a relaxivity, and with it the
+// walk without its switch to the coarse step (times 4 times too short). A file is taken as
+// nmrwalk takes it, so that both give the same numbers.
+std::unique_ptr<Parameters> parametersWith(const YAML::Node& overrides, const std::string& origin,
+                                           bool mergeRelaxivities) {
     YAML::Node document = YAML::Load(encodeParameters(templateParameters()));
     YAML::Node settings = document[parameterRootKey()];
     if (overrides && !overrides.IsNull()) {
@@ -87,10 +104,22 @@ std::unique_ptr<Parameters> parametersWith(const YAML::Node& overrides, const st
         for (const auto& entry : overrides) {
             const auto key = entry.first.as<std::string>();
             if (parameterKeys().count(key) == 0) throw py::key_error(key);
-            settings[key] = entry.second;
+            if (mergeRelaxivities && isRelaxivityKey(key) && entry.second.IsMap()) {
+                for (const auto& mineral : entry.second)
+                    settings[key][mineral.first] = mineral.second;
+            } else {
+                settings[key] = entry.second;
+            }
         }
     }
     return parseParameters(YAML::Dump(document), origin);
+}
+
+// A negative relaxivity passes nmrwalk's validation and then absorbs nothing; here it is
+// refused.
+void refuseNegativeRelaxivities(const Parameters& parameters) {
+    const std::string refusal = negativeRelaxivityRefusal(parameters);
+    if (!refusal.empty()) throw std::invalid_argument(refusal);
 }
 
 // FileNotFoundError, as open() would raise it, for a path that is not there.
@@ -107,7 +136,7 @@ std::unique_ptr<Parameters> parametersFromFile(const std::string& path) {
     if (!document.IsMap() || !document[parameterRootKey()]) {
         throw Exception(path + " does not contain a yaml map.");
     }
-    return parametersWith(document[parameterRootKey()], path);
+    return parametersWith(document[parameterRootKey()], path, false);
 }
 
 py::dict summaryOf(const LocalRun& run) {
@@ -152,6 +181,21 @@ public:
     void raisePending() {
         if (pending_) throw std::move(*pending_);
     }
+    // Shows each line as a RuntimeWarning at the caller of nmrwalk's function, before the
+    // walk, which may take long. False when a warning became an error (a warnings filter
+    // set to "error"); that error is then pending.
+    bool warn(const std::vector<std::string>& lines) {
+        if (lines.empty()) return true;
+        py::gil_scoped_acquire gil;
+        for (const std::string& line : lines) {
+            // Level 2: past the function of nmrwalk/__init__.py, at the user's call.
+            if (PyErr_WarnEx(PyExc_RuntimeWarning, line.c_str(), 2) != 0) {
+                pending_.emplace();
+                return false;
+            }
+        }
+        return true;
+    }
 
 private:
     py::object progress_;
@@ -183,7 +227,7 @@ std::unique_ptr<Parameters> parametersOf(const py::object& path, const std::stri
     if (path.is_none()) {
         YAML::Node settings = YAML::Load(overrides);
         if (!seed.is_none()) settings["randomSeed"] = seed.cast<std::int32_t>();
-        parameters = parametersWith(settings, "params");
+        parameters = parametersWith(settings, "params", true);
     } else {
         parameters = parametersFromFile(path.cast<std::string>());
         if (!seed.is_none()) parameters->setRandomSeed(seed.cast<std::int32_t>());
@@ -192,6 +236,7 @@ std::unique_ptr<Parameters> parametersOf(const py::object& path, const std::stri
         throw std::invalid_argument("numberOfWalkers must be positive; got " +
                                     std::to_string(parameters->numberOfWalkers()));
     }
+    refuseNegativeRelaxivities(*parameters);
     ensureMpi();
     return parameters;
 }
@@ -203,6 +248,48 @@ std::shared_ptr<ByteMineralGrid> gridOf(const LabelledRock& rock, const Paramete
         rock.volume.nx(), rock.volume.ny(), rock.volume.nz(), rock.cellSize,
         [&](std::uint32_t z, std::uint8_t* out) { rock.volume.sliceCodes(z, rock.codes, out); }};
     return buildByteMineralGrid(cells, runLoadOptions(parameters));
+}
+
+// Labels that are only 0 and 1 read as mineral codes make a rock of pore and clay: a
+// pore/grain segmentation given without minerals= looks like that, and its walk is slow
+// and wrong.
+std::string codeLabelWarning(const LabelledRock& rock, const Grid<Mineral::Type>& grid) {
+    if (!rock.codes.identity()) return {};
+    const auto& counters = grid.counters();
+    for (std::size_t code = 2; code < counters.size(); ++code)
+        if (counters[code] != 0) return {};
+    if (counters[Mineral::Clay] == 0) return {};
+    std::ostringstream text;
+    text << "labels hold only 0 and 1 and no minerals= was given, so they are read as mineral "
+            "codes: 0 Pore and 1 Clay, a rock "
+         << std::lround(100.0 * grid.volumeFraction(Mineral::Pore))
+         << " % pore with clay for its only solid. For a pore/grain segmentation name the "
+            "labels, e.g. minerals={0: \"Pore\", 1: \"Quartz\"} (or {1: \"Pore\", 0: "
+            "\"Quartz\"} when 1 marks the pore)";
+    return text.str();
+}
+
+// What simulate() and fit() say before they walk: the warnings of the parameters, of the
+// walk (nmrwalk's own, see walkWarnings) and of the labels. Needs no GIL.
+std::vector<std::string> warningsBeforeWalking(const LabelledRock& rock,
+                                               const Parameters& parameters,
+                                               const LocalWalk& walk) {
+    std::vector<std::string> lines = meaninglessParameterWarnings(parameters);
+    const Grid<Mineral::Type>& grid = walk.grid.grid();
+    double stepsPerSecond = 0.0;
+    if (!walk.walkers.empty() && nothingAbsorbs(grid, walk.plan)) {
+        stepsPerSecond = walk.grid.visit(
+            [&](const auto& g) { return measureStepRate(g, walk.walkers.front(), walk.plan); });
+    }
+    for (std::string& line :
+         walkWarnings(parameters, walk.summary, walk.plan, grid, stepsPerSecond, 1))
+        lines.push_back(std::move(line));
+    if (std::string line = codeLabelWarning(rock, grid); !line.empty())
+        lines.push_back(std::move(line));
+    // Python names the category itself ("RuntimeWarning: ...").
+    for (std::string& line : lines)
+        if (line.rfind("Warning: ", 0) == 0) line.erase(0, 9);
+    return lines;
 }
 
 // One walk at a time in a process: MPI was asked for serialised calls only.
@@ -218,10 +305,13 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
     const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
     WalkPolls polls(progress);
     std::optional<LocalRun> run;
+    std::vector<std::string> warnings;
     {
         py::gil_scoped_release released;
         const std::lock_guard<std::mutex> one(walking());
-        run = runLocally(*parameters, gridOf(rock, *parameters), std::ref(polls));
+        LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
+        warnings = warningsBeforeWalking(rock, *parameters, walk);
+        if (polls.warn(warnings)) run = runLocally(*parameters, std::move(walk), std::ref(polls));
     }
     if (!run) polls.raisePending();
 
@@ -233,7 +323,7 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
     out["lambda_"] = run->results.distribution.lambda;
     out["summary"] = summaryOf(*run);
     out["walk_seconds"] = run->walkSeconds;
-    out["warnings"] = meaninglessParameterWarnings(*parameters);
+    out["warnings"] = warnings;
     return out;
 }
 
@@ -295,7 +385,7 @@ py::dict fitFields(const fit::FitRequest& request, const fit::FitResult& result,
     }
     out["not_determined"] = pairs;
     out["surface_weighted_means"] = means;
-    out["warnings"] = warnings;
+    out["fit_warnings"] = warnings;
     out["at_bound"] = atBound;
     out["noise"] = py::make_tuple(result.noise.walk, result.noise.measurementWhite,
                                   result.noise.measurementShaped);
@@ -335,10 +425,13 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
         DecayCurve decay;
     };
     std::optional<Outcome> outcome;
+    std::vector<std::string> warnings;
     {
         py::gil_scoped_release released;
         const std::lock_guard<std::mutex> one(walking());
         LocalWalk walk = prepareLocalWalk(*parameters, gridOf(rock, *parameters));
+        warnings = warningsBeforeWalking(rock, *parameters, walk);
+        if (!polls.warn(warnings)) polls.raisePending();
         const fit::FitRequest request =
             fit::fitRequest(options, parameters->surfaceRelaxationStrengthWater(),
                             walk.grid.grid().counters(), "labels");
@@ -365,7 +458,13 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
     }
     if (!outcome) polls.raisePending();
 
-    return fitFields(outcome->request, outcome->result, outcome->decay);
+    // What was said before the walk comes first, then what the fit found.
+    py::dict out = fitFields(outcome->request, outcome->result, outcome->decay);
+    py::list all;
+    for (const std::string& line : warnings) all.append(line);
+    for (const auto& line : out["fit_warnings"]) all.append(line);
+    out["warnings"] = all;
+    return out;
 }
 
 py::tuple invert(const py::array_t<double, py::array::forcecast>& times,
@@ -454,7 +553,11 @@ PYBIND11_MODULE(_nmrwalk, m) {
         try {
             if (thrown) std::rethrow_exception(thrown);
         } catch (const nmr::Exception& e) {
-            PyErr_SetString(error.ptr(), e.message().c_str());
+            // The detail (which file, what sizes) is the line nmrwalk prints under a fixed
+            // message; here it goes into the one text.
+            const std::string text =
+                e.detail().empty() ? e.message() : e.message() + "\n" + e.detail();
+            PyErr_SetString(error.ptr(), text.c_str());
         } catch (const YAML::Exception& e) {
             // A value of the wrong type or a malformed file, with its line and column.
             PyErr_SetString(PyExc_ValueError, e.what());

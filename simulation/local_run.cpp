@@ -33,7 +33,11 @@ LocalWalk prepareLocalWalk(NuclearMagneticResonanceParameters& parameters,
 std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters,
                                    std::shared_ptr<ByteMineralGrid> grid,
                                    const LocalRunPoll& poll) {
-    LocalWalk walk = prepareLocalWalk(parameters, std::move(grid));
+    return runLocally(parameters, prepareLocalWalk(parameters, std::move(grid)), poll);
+}
+
+std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters, LocalWalk walk,
+                                   const LocalRunPoll& poll) {
     LocalRun run;
     run.summary = walk.summary;
     run.summaryEntries = rockSummaryEntries(run.summary, parameters, walk.grid.grid());

@@ -52,4 +52,9 @@ std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameter
                                    std::shared_ptr<ByteMineralGrid> grid,
                                    const LocalRunPoll& poll = {});
 
+// The same from a walk prepared with these parameters (prepareLocalWalk), for a caller
+// that looks at the rock and the plan before walking (to warn, say).
+std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameters, LocalWalk walk,
+                                   const LocalRunPoll& poll = {});
+
 }  // namespace nmr

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 
 #include "common/exception.h"
 
@@ -30,6 +31,12 @@ bool writeColumns(const std::vector<double>& x, const std::vector<double>& y,
         return false;
     }
     return true;
+}
+
+std::string formatColumns(const std::vector<double>& x, const std::vector<double>& y) {
+    std::ostringstream out;
+    for (std::size_t i = 0; i < x.size(); ++i) out << x[i] << ' ' << y[i] << '\n';
+    return out.str();
 }
 
 }  // namespace nmr::t2

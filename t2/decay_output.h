@@ -18,4 +18,7 @@ inline constexpr char kInversionFileName[] = "./T2inversion.out";
 bool writeColumns(const std::vector<double>& x, const std::vector<double>& y,
                   const std::string& path);
 
+// The text writeColumns writes, for writers that report their own failures.
+std::string formatColumns(const std::vector<double>& x, const std::vector<double>& y);
+
 }  // namespace nmr::t2

@@ -23,6 +23,7 @@
 #include "parallel/grid_distribution.h"
 #include "params/parameter_broadcast.h"
 #include "simulation/run_setup.h"
+#include "simulation/walk_warnings.h"
 #include "tools/fit_options.h"
 #include "tools/fit_report.h"
 
@@ -52,6 +53,8 @@ public:
         parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
         if (!parameters_) return 1;
         if (!agree([&] {
+                const std::string refusal = negativeRelaxivityRefusal(*parameters_);
+                if (!refusal.empty()) throw Exception(refusal);
                 prepareOutputFolder();
                 readMeasured();
             }))
@@ -202,6 +205,12 @@ private:
 
         const RockSummary summary = computeRockSummary(*parameters_, grid.grid());
         const WalkPlan walk = buildWalkPlan(summary, *parameters_);
+        // The walk's own traps (a step switch that never fires, say) hold for the recording
+        // as for nmrwalk, and are named the same way.
+        if (rank_ == kRoot) {
+            const std::string warning = stepSwitchWarning(summary, walk, *parameters_);
+            if (!warning.empty()) std::cerr << warning << std::endl;
+        }
         fit::RecordedRun run;
         if (!agree([&] {
                 request_ =

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "rock/grid_export.h"
 #include "rock/label_map.h"
 #include "rock/pore_geometry.h"
@@ -31,7 +32,7 @@ Geometries:
              until the pore fraction reaches --porosity
 
 Options:
-  -o, --output FILE        grid file to write (required)
+  -o, --output FILE        grid file to write (required; a missing folder is made)
   --size N | NXxNYxNZ      grid size in voxels (pack: required; the single pores
                            default to the pore plus one solid layer on each side)
   --cell-size UM           voxel edge in micrometres (default 1)
@@ -118,6 +119,7 @@ int run(int argc, char** argv) {
         marginText ? parseTriple(*marginText, "Margin must be M or MXxMYxMZ", 0) : Margins{0, 0, 0};
 
     const auto geometry = makeGeometry(kind, options);
+    prepareOutputFolder(output);
     const PoreStatistics stats = writeGeometry(*geometry, output, cellSize, margins);
 
     std::cout << "Wrote " << output << ": " << geometry->nx() << " x " << geometry->ny() << " x "

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "rock/grid_export.h"
 #include "rock/label_map.h"
 #include "rock/meta_image.h"
@@ -31,7 +32,7 @@ Inputs (chosen by extension unless --format is given):
   anything else    headerless voxels, x fastest: needs --size and --type
 
 Options:
-  -o, --output FILE        grid file to write (required)
+  -o, --output FILE        grid file to write (required; a missing folder is made)
   --labels MAP             label=mineral pairs, e.g. "0=Pore,1=Quartz,2=Clay" with
                            the minerals' display names (required); every label
                            present in the volume must be named
@@ -165,6 +166,7 @@ int run(int argc, char** argv) {
     const std::string format = formatOf(options, input);
     const OpenedVolume volume = openVolume(options, input, format);
     if (format != "raw") checkGivenSize(options, input, volume.reader->shape());
+    prepareOutputFolder(output);
     const PoreStatistics stats = importVolume(*volume.reader, labels, output, *volume.voxelSize);
     printReport(volume, labels, output, stats);
     return 0;

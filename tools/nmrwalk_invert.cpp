@@ -3,13 +3,13 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <string>
 
 #include "analysis/decay_file.h"
 #include "analysis/t2_summary.h"
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
@@ -32,8 +32,9 @@ Four-column data are rotated onto the real axis first.
 
 Options:
   -o, --output FILE        distribution in the layout of T2inversion.out
-                           (default: T2inversion.out); the summary goes to
-                           T2summary.json in the same folder
+                           (default: T2inversion.out); the summary, with the
+                           distribution and its units, goes to T2summary.json in
+                           the same folder, which is made when it does not exist
   --t2-min MS              smallest T2 of the axis (default 0.0001)
   --t2-max MS              largest T2 of the axis (default 10000)
   --t2-components N        points of the axis, 10 to 500 (default 100)
@@ -69,6 +70,11 @@ int run(int argc, char** argv) {
         throw Exception("--condition-ratio must exceed 1: " + std::to_string(conditionRatio));
     if (!(cutoff > 0.0)) throw Exception("--cutoff must be positive: " + std::to_string(cutoff));
     const std::string output = options.value("--output").value_or("T2inversion.out");
+    const auto folder = std::filesystem::path(output).parent_path();
+    const std::string jsonPath = (folder / "T2summary.json").string();
+    // Before the work: a folder that cannot be written to is found now, not after it.
+    prepareOutputFolder(output);
+    prepareOutputFolder(jsonPath);
 
     const auto start = std::chrono::steady_clock::now();
     const MeasuredDecay decay = readDecayFile(input);
@@ -85,16 +91,17 @@ int run(int argc, char** argv) {
                         static_cast<std::int32_t>(components), conditionRatio);
     const auto done = std::chrono::steady_clock::now();
 
-    if (!t2::writeColumns(d.t2, d.amplitude, output))
-        throw FileAccessException("Cannot write: " + output);
+    writeTextFile(output, t2::formatColumns(d.t2, d.amplitude));
     const T2Summary summary = summariseT2(d.t2, d.amplitude, cutoff);
-    const auto folder = std::filesystem::path(output).parent_path();
-    const std::string jsonPath = (folder / "T2summary.json").string();
-    std::ofstream json(jsonPath);
-    json << summaryJson(summary, {{"lambda", d.lambda},
-                                  {"rank", d.rank},
-                                  {"points", static_cast<double>(decay.times.size())}});
-    if (!json.flush()) throw FileAccessException("Cannot write: " + jsonPath);
+    // "source" tells nmrwalk-plot that this folder holds a measured distribution, which it
+    // plots as it is and never rewrites.
+    writeTextFile(jsonPath,
+                  summaryJson(summary,
+                              {{"lambda", d.lambda},
+                               {"rank", d.rank},
+                               {"points", static_cast<double>(decay.times.size())}},
+                              {{"source", "nmrwalk-invert"}, {"decay", input}, {"output", output}},
+                              d.t2, d.amplitude, "as the decay's amplitude (instrument units)"));
 
     using Ms = std::chrono::duration<double, std::milli>;
     std::cout << "Kept rank: " << d.rank << "\n"

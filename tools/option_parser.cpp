@@ -92,6 +92,8 @@ int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv) {
         return body(argc, argv);
     } catch (...) {
         std::cerr << tool << ": error: " << currentExceptionText() << "\n";
+        if (const std::string detail = currentExceptionDetail(); !detail.empty())
+            std::cerr << tool << ": " << detail << "\n";
     }
     return 1;
 }

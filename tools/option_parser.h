@@ -46,7 +46,8 @@ private:
 };
 
 // A tool's main: runs body and turns any error that escapes it into
-// "<tool>: error: <text>" on standard error and exit status 1.
+// "<tool>: error: <text>" on standard error (and "<tool>: <detail>" on the next line when
+// the error carries one) and exit status 1.
 int runTool(const char* tool, int (*body)(int, char**), int argc, char** argv);
 
 }  // namespace nmr::tools

@@ -52,6 +52,26 @@ TEST_P(Nmrwalk, RequestsEndTheRunAfterTheirOutput) {
     EXPECT_EQ(readParameters((dir_ / "nmr.yaml").string())->echoSpacing(), 0.001);
 }
 
+// -p writes exactly what it always wrote, and standard output is unchanged; an edited
+// nmr.yaml is kept as nmr.yaml~ (a copy of the template is not worth keeping).
+TEST_P(Nmrwalk, TemplateNeverLosesTheUsersFile) {
+    const std::string edited = "NuclearMagneticResonanceParameters:\n  grid: mine.binc\n";
+    dir_.write("nmr.yaml", edited);
+    auto result = run({"-p"});
+    EXPECT_EQ(result.output, kMemoryLine);
+    EXPECT_NE(result.errorOutput.find("Kept the existing nmr.yaml as nmr.yaml~\n"),
+              std::string::npos)
+        << result.errorOutput;
+    EXPECT_EQ(dir_.read("nmr.yaml~"), edited);
+    const std::string written = dir_.read("nmr.yaml");
+    EXPECT_EQ(written, encodeParameters(templateParameters()) + "\n");
+
+    result = run({"-p"});
+    EXPECT_EQ(result.errorOutput.find("Kept"), std::string::npos) << result.errorOutput;
+    EXPECT_EQ(dir_.read("nmr.yaml~"), edited);
+    EXPECT_EQ(dir_.read("nmr.yaml"), written);
+}
+
 TEST_P(Nmrwalk, MemoryLimit) {
     writeTemplateFile((dir_ / "nmr.yaml").string());
     auto result = run({"-m", "64x"});

@@ -23,6 +23,27 @@ TEST(Exception, RaiseRethrowsTheDynamicTypeWithItsMessage) {
     EXPECT_THROW_MSG(reraise(Exception("a")), Exception, "a");
 }
 
+// The detail is the second line under a fixed message: it must survive every way a
+// handler passes an exception on.
+TEST(Exception, DetailTravelsWithCopiesAndRaise) {
+    const FileAccessException original("Did not find enough data for a grid", "rock.binc: ...");
+    try {
+        static_cast<const Exception&>(FileAccessException(original)).raise();
+    } catch (const FileAccessException& e) {
+        EXPECT_EQ(e.message(), "Did not find enough data for a grid");
+        EXPECT_EQ(e.detail(), "rock.binc: ...");
+        try {
+            throw;
+        } catch (...) {
+            EXPECT_EQ(currentExceptionDetail(), "rock.binc: ...");
+        }
+    }
+    Exception assigned("x");
+    assigned = original;
+    EXPECT_EQ(assigned.detail(), "rock.binc: ...");
+    EXPECT_EQ(Exception("plain").detail(), "");
+}
+
 TEST(Exception, CopyOwnsItsMessage) {
     auto original = std::make_unique<FileAccessException>("Unable to open file: grid.binc");
     FileAccessException copy(*original);

@@ -104,6 +104,7 @@ TEST_F(Fit, BadInputEndsWithTheFileAndLineAndLeavesNoOutput) {
         {{"measured.txt", "--minerals", "Pyrite"}, "Mineral not in the grid rock.binc: Pyrite"},
         {{"measured.txt", "--bounds", "1e-4:1e-5"},
          "--bounds needs LO:HI in m/s with 0 < LO < HI: 1e-4:1e-5"},
+        {{"measured.txt", "-o", "rock.binc/fitted.yaml"}, "Cannot create the folder of -o"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments.front() + " " + c.message);
@@ -116,6 +117,20 @@ TEST_F(Fit, BadInputEndsWithTheFileAndLineAndLeavesNoOutput) {
     }
     EXPECT_NE(fit({"late.txt"}).errorOutput.find("only 0 measured times lie within the simulated"),
               std::string::npos);
+    // A negative relaxivity would walk without end; nmrwalk-fit refuses it outright.
+    dir_.write("nmr.yaml", parameters(3000, 4711, -3e-5, 5e-6));
+    EXPECT_NE(
+        fit({"measured.txt"})
+            .errorOutput.find(
+                "nmrwalk-fit: error: surfaceRelaxationStrengthWater of Quartz is -3e-05 m/s: a "
+                "relaxivity cannot be negative"),
+        std::string::npos);
+    // Without a Clay relaxivity the walk never switches to its coarse step, and the
+    // recording says so as nmrwalk does.
+    dir_.write("nmr.yaml", parameters(1000, 4711, 3e-5, 0.0));
+    const auto noClay = fit({"measured.txt", "--minerals", "Quartz", "--bounds", "2e-5:5e-5"});
+    EXPECT_NE(noClay.errorOutput.find("Warning: "), std::string::npos) << noClay.errorOutput;
+    EXPECT_NE(noClay.errorOutput.find("times too short"), std::string::npos) << noClay.errorOutput;
 }
 
 TEST_F(Fit, ALaterFitReusesTheWalkAndWalksAgainWhenItCannotServe) {

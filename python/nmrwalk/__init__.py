@@ -49,6 +49,8 @@ class Result:
                       totalAmplitude, logMeanT2Ms (T2LM), peakT2Ms, boundFraction and
                       freeFraction
         walk_seconds: time spent walking
+        warnings:     the warnings shown before the walk (see simulate), as a list of
+                      texts; empty when there were none
     """
 
     def __init__(self, fields):
@@ -59,6 +61,7 @@ class Result:
         self.lambda_ = fields["lambda_"]
         self.summary = fields["summary"]
         self.walk_seconds = fields["walk_seconds"]
+        self.warnings = list(fields["warnings"])
 
     def __repr__(self):
         return ("Result(%d decay points, T2LM %.4g ms, lambda %.4g)"
@@ -70,15 +73,28 @@ def parameter_keys():
     return list(_nmrwalk.parameter_keys())
 
 
-def _native(labels):
-    # Cells are read in place in any memory order; only big-endian numbers need a copy.
+def _native(labels, minerals):
+    """(labels, minerals) as the compiled part takes them.
+
+    Cells are read in place in any memory order; only big-endian numbers need a copy. A
+    boolean mask is read as the bytes 0 and 1, so minerals keyed by True and False work.
+    """
     # numpy is imported here, not with the package, so that importing nmrwalk needs only
     # the interpreter (help(), MINERALS, parameter_keys()).
     import numpy as np
 
-    if isinstance(labels, np.ndarray) and not labels.dtype.isnative:
-        return labels.astype(labels.dtype.newbyteorder("="))
-    return labels
+    if not isinstance(labels, np.ndarray):
+        # Said here: the compiled part would print its whole signature and every number.
+        raise TypeError("labels must be a 3-D numpy array of integers indexed [z, y, x], not %s;"
+                        " numpy.asarray(labels) makes one" % type(labels).__name__)
+    if labels.dtype == np.bool_:
+        if minerals is None:
+            raise ValueError('a boolean mask needs minerals, e.g. minerals={True: "Pore", '
+                             'False: "Quartz"}')
+        return labels.view(np.uint8), {int(key): name for key, name in minerals.items()}
+    if not labels.dtype.isnative:
+        labels = labels.astype(labels.dtype.newbyteorder("="))
+    return labels, minerals
 
 
 def _plain(value):
@@ -146,26 +162,40 @@ def simulate(labels, cell_size_um, params, minerals=None, seed=None, progress=Fa
                   is 0 (set it), and subsampleCalculation is true with a small
                   regionOfInterest; pass subsampleCalculation=False to walk the whole
                   volume. The grid key is not used: the grid is labels.
+                  A relaxivity map in the dict (surfaceRelaxationStrengthWater, -Oil) is
+                  merged into the template's: the minerals it leaves out keep the
+                  template's values (Clay 2.3e-09 m/s, the other solids 1.6e-05 m/s), so
+                  {"Quartz": 1.6e-5} changes Quartz only; give 0 to make a mineral inert.
+                  A file is read as nmrwalk reads it: a mineral it leaves out has no
+                  relaxivity. A negative relaxivity raises ValueError.
     minerals:     dict from label value to mineral display name (see MINERALS), e.g.
                   {0: "Pore", 1: "Quartz", 2: "Clay"}. Without it the labels are the
-                  mineral codes 0 to 13. A label absent from it raises ValueError.
+                  mineral codes 0 to 13 (0 Pore, 1 Clay, 3 Quartz, ...): a 0/1
+                  segmentation then means pore and clay, which a warning points out. A
+                  label absent from it raises ValueError. A boolean mask takes minerals
+                  keyed by True and False, e.g. {True: "Pore", False: "Quartz"}.
     seed:         random seed, in place of the randomSeed of params.
     progress:     show a progress bar on standard error.
+
+    Before walking, settings that make the answer wrong without an error are warned about
+    (RuntimeWarning, also kept in Result.warnings), with nmrwalk's own texts: a Clay
+    relaxivity of 0, whose walk never switches to the coarse step and so comes out 4
+    times too fast; a rock whose minerals absorb nothing, with the time the walk will
+    take; a diffusion constant of 0.
 
     The walk runs in this process with the GIL released; Ctrl-C stops it with
     KeyboardInterrupt. The result equals, bit for bit, nmrwalk's T2decay.out and
     T2inversion.out on one process for the same grid, parameters and seed.
     """
     path, overrides = _parameter_overrides(params, seed)
+    labels, minerals = _native(labels, minerals)
     bar = _ProgressBar() if progress else None
     try:
-        fields = _nmrwalk.simulate(_native(labels), float(cell_size_um), minerals, path, overrides,
-                                   seed, bar)
+        fields = _nmrwalk.simulate(labels, float(cell_size_um), minerals, path, overrides, seed,
+                                   bar)
     finally:
         if bar is not None:
             bar.close()
-    for line in fields["warnings"]:
-        warnings.warn(line, RuntimeWarning, stacklevel=2)
     return Result(fields)
 
 
@@ -187,8 +217,9 @@ class FitResult:
         surface_weighted_means: [({name: surface share}, value, uncertainty)], the
                      combination each group of such minerals does fix: their mean
                      relaxivity weighted by the pore surface each offers, in m/s
-        warnings:    lines such as "Warning: Quartz is at its upper bound ...", also issued
-                     through the warnings module
+        warnings:    the warnings shown before the walk, as for simulate(), then those of
+                     the fit, such as "Warning: Quartz is at its upper bound ..."; each is
+                     also issued through the warnings module
         at_bound:    {mineral display name: True when the value lies on a bound}
         noise:       (walk, measurement white, measurement shaped like a walk's): rms per
                      measured point, in the units of the simulated decay
@@ -245,17 +276,18 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
     tell apart.
     """
     path, overrides = _parameter_overrides(params, seed)
+    labels, minerals = _native(labels, minerals)
     names = [fit] if isinstance(fit, str) else list(fit or [])
     bar = _ProgressBar() if progress else None
     try:
-        fields = _nmrwalk.fit(_native(labels), float(cell_size_um), minerals, path, overrides,
+        fields = _nmrwalk.fit(labels, float(cell_size_um), minerals, path, overrides,
                               seed, time_ms, amplitude, names,
                               None if bounds is None else tuple(map(float, bounds)), bar)
     finally:
         if bar is not None:
             bar.close()
     result = FitResult(fields)
-    for line in result.warnings:
+    for line in fields["fit_warnings"]:  # those before the walk were issued then
         warnings.warn(line, stacklevel=2)
     for a, b, r in result.not_determined:
         warnings.warn("Not separately determined: %s and %s (correlation %.2f)" % (a, b, r),
@@ -291,4 +323,5 @@ def write_grid(path, labels, cell_size_um, minerals=None):
 
     labels, cell_size_um and minerals as for simulate(). A failed write leaves no file.
     """
-    _nmrwalk.write_grid(os.fsdecode(path), _native(labels), float(cell_size_um), minerals)
+    labels, minerals = _native(labels, minerals)
+    _nmrwalk.write_grid(os.fsdecode(path), labels, float(cell_size_um), minerals)

@@ -6,6 +6,8 @@
 #include <fstream>
 
 #include "analysis/t2_summary.h"
+#include "common/exception.h"
+#include "io/grain_bed_grid_writer.h"
 #include "t2/decay_output.h"
 #include "testutil/command.h"
 #include "testutil/temp_dir.h"
@@ -90,6 +92,44 @@ TEST(InvertCommand, MalformedLinesAreNamedByNumber) {
     }
 }
 
+// A user's first -o names a folder that is not there yet: it is made. One that cannot be
+// made is refused before the work, with the system's reason.
+TEST(OutputFolders, AreMadeOrRefusedBeforeTheWork) {
+    TempDir dir;
+    {
+        std::ofstream decay(dir.file("decay.txt"));
+        for (int i = 1; i <= 300; ++i) decay << 0.5 * i << " " << std::exp(-0.5 * i / 40.0) << "\n";
+    }
+    CommandResult r = runCommand({programPath("nmrwalk-invert"), dir.file("decay.txt"), "-o",
+                                  dir.file("lab/new/T2inversion.out")});
+    ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+    EXPECT_TRUE(dir.exists("lab/new/T2inversion.out"));
+    const std::string json = readFile(dir.file("lab/new/T2summary.json"));
+    for (const char* key : {"\"source\": \"nmrwalk-invert\"", "\"units\": {\"t2\": \"ms\"",
+                            "\"t2Ms\": [0.0001, ", "\"amplitude\": ["})
+        EXPECT_NE(json.find(key), std::string::npos) << key << json;
+
+    r = runCommand(
+        {programPath("nmrwalk-grid"), "slab", "--width", "4", "-o", dir.file("rocks/slab.binc")});
+    EXPECT_EQ(r.exitStatus, 0) << r.errorOutput;
+    EXPECT_TRUE(dir.exists("rocks/slab.binc"));
+
+    // A folder below a plain file cannot be made: nothing is read or written first.
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{programPath("nmrwalk-invert"), dir.file("decay.txt"), "-o",
+                                   dir.file("decay.txt/T2inversion.out")},
+          {programPath("nmrwalk-grid"), "slab", "--width", "4", "-o",
+           dir.file("decay.txt/slab.binc")}}) {
+        r = runCommand(command);
+        EXPECT_EQ(r.exitStatus, 1);
+        EXPECT_EQ(r.output, "");
+        EXPECT_NE(r.errorOutput.find("error: Cannot write " + dir.file("decay.txt/")),
+                  std::string::npos)
+            << r.errorOutput;
+        EXPECT_NE(r.errorOutput.find("Not a directory"), std::string::npos) << r.errorOutput;
+    }
+}
+
 TEST(GridTools, AMissingRequiredOptionIsNamed) {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{programPath("nmrwalk-grid"), "slab", "--size", "8"},
@@ -119,6 +159,13 @@ protected:
         ASSERT_TRUE(t2::writeColumns(t, m, dir_.file("T2decay.out")));
         writeFile(dir_.file("nmr.yaml"),
                   "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n");
+        // A measured decay inverted into its own folder, as nmrwalk-invert leaves it.
+        std::ofstream decay(lab_.file("decay.txt"));
+        for (int i = 1; i <= 400; ++i) decay << 0.5 * i << " " << std::exp(-0.5 * i / 40.0) << "\n";
+        decay.close();
+        inverted_ = runCommand({programPath("nmrwalk-invert"), lab_.file("decay.txt"), "-o",
+                                lab_.file("T2inversion.out")});
+        ASSERT_EQ(inverted_.exitStatus, 0) << inverted_.errorOutput;
     }
     CommandResult plot(std::vector<std::string> args) {
         args.insert(args.begin(), {python_, programPath("nmrwalk-plot")});
@@ -127,7 +174,69 @@ protected:
     }
     std::string python_ = NMR_PYTHON3;
     TempDir dir_;
+    TempDir lab_;
+    CommandResult inverted_;
 };
+
+// A folder of nmrwalk-invert is plotted as it is: no decay file is asked for, and its
+// summary (lambda, rank, points) is not replaced.
+TEST_F(PlotCommand, AMeasuredFolderIsPlottedAsItIs) {
+    const std::string before = lab_.read("T2summary.json");
+    const bool canPlot = runCommand({python_, "-c", "import matplotlib"}).exitStatus == 0;
+    const CommandResult r = runCommand({python_, programPath("nmrwalk-plot"), lab_.path().string(),
+                                        canPlot ? "--size=800x600" : "--summary-only"});
+    ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+    EXPECT_EQ(lab_.read("T2summary.json"), before);
+    EXPECT_EQ(printed(r.output, "Log-mean T2 (ms): "),
+              printed(inverted_.output, "Log-mean T2 (ms): "));
+    if (canPlot) {
+        EXPECT_TRUE(lab_.exists("T2plot.png"));
+    }
+}
+
+// The run's T2LM and the measured one side by side; in porosity units the run's total
+// porosity comes from its grid and nmr.yaml as nmrwalk reckons it (margins cut off, the
+// region when subsampleCalculation is on, clay counted at its micro-porosity).
+TEST_F(PlotCommand, CompareGivesBothT2LMsAndTheRunsPorosity) {
+    // 12^3 cells with a margin of 1; interior layer z: quartz below 3, clay at 3, pore above.
+    GrainBedGridWriter writer(dir_.file("rock.binc"), 12, 12, 12, 1, 1, 1, 1.0);
+    for (std::uint32_t z = 0; z < 12; ++z) {
+        const int inner = static_cast<int>(z) - 1;
+        const Mineral::Type m = inner < 3 || inner > 9 ? Mineral::Quartz
+                                : inner == 3           ? Mineral::Clay
+                                                       : Mineral::Pore;
+        const std::vector<GrainBedGridCell> slice(144, GrainBedGridCell::make(0, m));
+        writer.writeSlice(slice.data());
+    }
+    writer.close();
+    writeFile(dir_.file("nmr.yaml"),
+              "NuclearMagneticResonanceParameters:\n  grid: rock.binc\n"
+              "  clayMicroPorosity: 0.5\n  subsampleCalculation: true\n"
+              "  regionOfInterest:\n    x:\n      - 0\n      - 10\n    y:\n      - 0\n"
+              "      - 10\n    z:\n      - 2\n      - 10\n  t2Components: 60\n");
+    const auto t2lm = [&](const std::string& folder) {
+        const CommandResult r = runCommand({python_, programPath("nmrwalk-plot"), "--summary-only",
+                                            "--json", lab_.file("scratch.json"), folder});
+        return printed(r.output, "Log-mean T2 (ms): ");
+    };
+    const CommandResult r = plot({"--compare", lab_.path().string(), "--summary-only",
+                                  "--porosity-units", "--lab-porosity", "0.2"});
+    ASSERT_EQ(r.exitStatus, 0) << r.errorOutput;
+    EXPECT_NEAR(printed(r.output, "Simulated T2LM (ms): "), t2lm(dir_.path().string()),
+                1e-5 * t2lm(dir_.path().string()));
+    EXPECT_EQ(printed(r.output, "Measured T2LM (ms): "),
+              printed(inverted_.output, "Log-mean T2 (ms): "));
+    // Region z 2..9 of the interior: one layer of quartz, one of clay, six of pore.
+    EXPECT_EQ(printed(r.output, "Simulated porosity (p.u.): "), 81.25) << r.output;
+    EXPECT_EQ(printed(r.output, "Measured porosity (p.u.): "), 20.0);
+
+    // The measured folder first is a mistake worth naming.
+    const CommandResult swapped =
+        runCommand({python_, programPath("nmrwalk-plot"), lab_.path().string(), "--compare",
+                    dir_.path().string(), "--summary-only"});
+    EXPECT_EQ(swapped.exitStatus, 1);
+    EXPECT_NE(swapped.errorOutput.find("holds a measured distribution"), std::string::npos);
+}
 
 TEST_F(PlotCommand, SummaryAgreesWithTheLibrary) {
     // The script sees the file's 6-digit numbers; so must the library.
