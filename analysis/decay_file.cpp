@@ -67,21 +67,23 @@ MeasuredDecay readDecayFile(const std::string& path) {
     }
     if (decay.times.empty()) throw Exception("No data lines in the decay file: " + path);
     decay.columns = columns;
-    if (columns == 4) {
-        decay.phaseEchoes = std::min(kPhaseEchoes, decay.values.size());
-        decay.phaseRadians = realAxisPhase(decay.values, imaginary, decay.phaseEchoes);
-        const double c = std::cos(decay.phaseRadians), s = std::sin(decay.phaseRadians);
-        double total = 0.0, off = 0.0;
-        for (std::size_t i = 0; i < decay.values.size(); ++i) {
-            const double re = decay.values[i], im = imaginary[i];
-            decay.values[i] = re * c + im * s;
-            const double rotatedIm = -re * s + im * c;
-            total += re * re + im * im;
-            off += rotatedIm * rotatedIm;
-        }
-        decay.imaginaryEnergy = total > 0.0 ? off / total : 0.0;
-    }
+    if (columns == 4) rotateOntoRealAxis(decay, imaginary);
     return decay;
+}
+
+void rotateOntoRealAxis(MeasuredDecay& decay, const std::vector<double>& imaginary) {
+    decay.phaseEchoes = std::min(kPhaseEchoes, decay.values.size());
+    decay.phaseRadians = realAxisPhase(decay.values, imaginary, decay.phaseEchoes);
+    const double c = std::cos(decay.phaseRadians), s = std::sin(decay.phaseRadians);
+    double total = 0.0, off = 0.0;
+    for (std::size_t i = 0; i < decay.values.size(); ++i) {
+        const double re = decay.values[i], im = imaginary[i];
+        decay.values[i] = re * c + im * s;
+        const double rotatedIm = -re * s + im * c;
+        total += re * re + im * im;
+        off += rotatedIm * rotatedIm;
+    }
+    decay.imaginaryEnergy = total > 0.0 ? off / total : 0.0;
 }
 
 }  // namespace nmr::analysis

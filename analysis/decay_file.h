@@ -27,6 +27,11 @@ inline constexpr std::size_t kPhaseEchoes = 256;
 // first, and times must increase. Throws nmr::Exception naming the file and the line.
 MeasuredDecay readDecayFile(const std::string& path);
 
+// Turns decay.values (the real parts) with `imaginary` onto the real axis by the angle of
+// realAxisPhase over the first kPhaseEchoes points, and records the angle, the echoes it
+// was chosen from and the share of the energy left off the axis.
+void rotateOntoRealAxis(MeasuredDecay& decay, const std::vector<double>& imaginary);
+
 // The angle theta that maximises sum (re cos theta + im sin theta)^2 over the first
 // `echoes` points, turned by pi if needed so that the rotated early signal is positive.
 double realAxisPhase(const std::vector<double>& re, const std::vector<double>& im,

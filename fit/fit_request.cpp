@@ -3,8 +3,10 @@
 #include <cmath>
 #include <cstdio>
 
+#include "analysis/t2_summary.h"
 #include "common/exception.h"
 #include "io/file_checksum.h"
+#include "t2/t2_inversion.h"
 
 namespace nmr::fit {
 
@@ -156,6 +158,17 @@ Fingerprint walkFingerprint(const NuclearMagneticResonanceParameters& p, int pro
                                   number(p.echoSpacing())},
         {"the water relaxivities", relaxivityText(p.surfaceRelaxationStrengthWater())},
     };
+}
+
+Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
+                            const NuclearMagneticResonanceParameters& parameters) {
+    t2::T2Distribution inverted = t2::invertDecay(
+        times, values, parameters.t2Minimum(), parameters.t2Maximum(), parameters.t2Components());
+    Distribution d;
+    d.t2 = std::move(inverted.t2);
+    d.amplitude = std::move(inverted.amplitude);
+    d.logMeanT2 = analysis::summariseT2(d.t2, d.amplitude).logMeanT2;
+    return d;
 }
 
 std::string boundWarning(const BoundHit& hit, const FitRequest& request,

@@ -58,6 +58,16 @@ void checkWindow(const MeasuredWindow& window, const analysis::MeasuredDecay& me
 // count (each process walks with a stream of its own).
 Fingerprint walkFingerprint(const NuclearMagneticResonanceParameters& parameters, int processes);
 
+// The T2 distribution of a decay on the parameter file's T2 axis, through the inversion
+// of nmrwalk and nmrwalk-invert: what a fit shows of the measured and the fitted decay.
+struct Distribution {
+    std::vector<double> t2;
+    std::vector<double> amplitude;
+    double logMeanT2 = 0.0;  // ms; NaN without signal
+};
+Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
+                            const NuclearMagneticResonanceParameters& parameters);
+
 // "Warning: Quartz is at its upper bound 2e-05 m/s; the best fit may lie outside it (try
 // <suggestion>)", the suggestion written as the caller takes bounds.
 std::string boundWarning(const BoundHit& hit, const FitRequest& request,

@@ -327,11 +327,22 @@ py::dict simulate(py::array labels, double cellSize, const py::object& minerals,
     return out;
 }
 
+// The measured decay; with an imaginary part it is turned onto the real axis as
+// nmrwalk-invert turns a four-column file.
 analysis::MeasuredDecay measuredDecay(const py::array_t<double, py::array::forcecast>& times,
-                                      const py::array_t<double, py::array::forcecast>& values) {
+                                      const py::array_t<double, py::array::forcecast>& values,
+                                      const py::object& imaginary) {
     analysis::MeasuredDecay measured;
     measured.times = listOf(times, "time_ms");
     measured.values = listOf(values, "amplitude");
+    if (!imaginary.is_none()) {
+        const std::vector<double> im =
+            listOf(imaginary.cast<py::array_t<double, py::array::forcecast>>(), "amplitude");
+        if (im.size() != measured.values.size())
+            throw std::invalid_argument("amplitude: bad shape");
+        measured.columns = 4;
+        analysis::rotateOntoRealAxis(measured, im);
+    }
     if (measured.times.size() != measured.values.size()) {
         throw std::invalid_argument(
             "time_ms and amplitude differ in length: " + std::to_string(measured.times.size()) +
@@ -404,10 +415,10 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
                        const py::object& path, const std::string& overrides, const py::object& seed,
                        const py::array_t<double, py::array::forcecast>& times,
                        const py::array_t<double, py::array::forcecast>& values,
-                       const std::vector<std::string>& fitted, const py::object& bounds,
-                       const py::object& progress) {
+                       const py::object& imaginary, const std::vector<std::string>& fitted,
+                       const py::object& bounds, const py::object& progress) {
     const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
-    const analysis::MeasuredDecay measured = measuredDecay(times, values);
+    const analysis::MeasuredDecay measured = measuredDecay(times, values, imaginary);
     fit::FitChoice options;
     options.measured = "the measured decay";
     options.minerals = fitted;
@@ -423,6 +434,8 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
         fit::FitRequest request;
         fit::FitResult result;
         DecayCurve decay;
+        fit::Distribution measured;
+        fit::Distribution fitted;
     };
     std::optional<Outcome> outcome;
     std::vector<std::string> warnings;
@@ -453,7 +466,11 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
             fit::checkWindow(fitter.window(), measured, options.measured);
             fit::FitResult result = fitter.fit(request);
             DecayCurve decay = fitter.decayAt(result.relaxivity);
-            outcome = Outcome{request, std::move(result), std::move(decay)};
+            fit::Distribution fittedDistribution =
+                fit::distributionOf(decay.times, decay.values, *parameters);
+            outcome = Outcome{request, std::move(result), std::move(decay),
+                              fit::distributionOf(measured.times, measured.values, *parameters),
+                              std::move(fittedDistribution)};
         }
     }
     if (!outcome) polls.raisePending();
@@ -464,6 +481,13 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
     for (const std::string& line : warnings) all.append(line);
     for (const auto& line : out["fit_warnings"]) all.append(line);
     out["warnings"] = all;
+    // Both distributions on the T2 axis of the parameters, as T2fit.png shows them.
+    out["t2_ms"] = arrayOf(outcome->measured.t2);
+    out["measured_distribution"] = arrayOf(outcome->measured.amplitude);
+    out["fitted_distribution"] = arrayOf(outcome->fitted.amplitude);
+    out["measured_t2lm_ms"] = outcome->measured.logMeanT2;
+    out["fitted_t2lm_ms"] = outcome->fitted.logMeanT2;
+    out["phase_radians"] = measured.phaseRadians;
     return out;
 }
 
@@ -569,7 +593,8 @@ PYBIND11_MODULE(_nmrwalk, m) {
           py::arg("t2_max"), py::arg("components"));
     m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
-          py::arg("amplitude"), py::arg("fit"), py::arg("bounds"), py::arg("progress"));
+          py::arg("amplitude"), py::arg("imaginary"), py::arg("fit"), py::arg("bounds"),
+          py::arg("progress"));
     m.def("read_grid", &readGrid, py::arg("path"));
     m.def("write_grid", &writeGrid, py::arg("path"), py::arg("labels"), py::arg("cell_size_um"),
           py::arg("minerals"));

@@ -57,8 +57,8 @@ void writeFittedParameters(const std::string& source, const std::string& target,
 
 // Everything T2fit.png shows, for the plotting script.
 void writePlotData(const std::string& path, const fit::MeasuredWindow& window, double scale,
-                   const DecayCurve& fitted, const Distribution& measured,
-                   const Distribution& simulated) {
+                   const DecayCurve& fitted, const fit::Distribution& measured,
+                   const fit::Distribution& simulated) {
     std::ofstream out(path);
     out << std::setprecision(9) << "{\n  \"measured\": {\"times\": ";
     putArray(out, window.times());
@@ -86,17 +86,6 @@ void writePlotData(const std::string& path, const fit::MeasuredWindow& window, d
 
 }  // namespace
 
-Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
-                            const NuclearMagneticResonanceParameters& parameters) {
-    t2::T2Distribution inverted = t2::invertDecay(
-        times, values, parameters.t2Minimum(), parameters.t2Maximum(), parameters.t2Components());
-    Distribution d;
-    d.t2 = std::move(inverted.t2);
-    d.amplitude = std::move(inverted.amplitude);
-    d.logMeanT2 = analysis::summariseT2(d.t2, d.amplitude).logMeanT2;
-    return d;
-}
-
 void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::SweepRequest& sweep,
                 const NuclearMagneticResonanceParameters& parameters) {
     out << "Sweep of the " << Mineral::name(sweep.mineral)
@@ -109,7 +98,7 @@ void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::
             k + 1 == sweep.points ? sweep.upper : sweep.lower * std::exp(ratio * k);
         const auto relaxivity = fitter.relaxivities({sweep.mineral}, {value});
         const DecayCurve curve = fitter.decayAt(relaxivity);
-        const Distribution d = distributionOf(curve.times, curve.values, parameters);
+        const fit::Distribution d = fit::distributionOf(curve.times, curve.values, parameters);
         const fit::Misfit m = fitter.misfitAt(relaxivity);
         out << std::setw(16) << value << std::setw(14) << d.logMeanT2 << std::setw(16)
             << m.sumOfSquares << std::setw(14) << m.scale << std::endl;
@@ -191,9 +180,10 @@ void reportFit(std::ostream& out, std::ostream& err, const fit::RelaxivityFit& f
         << " points): " << result.misfit.sumOfSquares << std::endl;
     out << "Amplitude scale (simulated per measured unit): " << result.misfit.scale << std::endl;
 
-    const Distribution lab = distributionOf(measured.times, measured.values, parameters);
+    const fit::Distribution lab = fit::distributionOf(measured.times, measured.values, parameters);
     const DecayCurve fitted = fitter.decayAt(result.relaxivity);
-    const Distribution simulated = distributionOf(fitted.times, fitted.values, parameters);
+    const fit::Distribution simulated =
+        fit::distributionOf(fitted.times, fitted.values, parameters);
     out << "T2LM measured (ms): " << lab.logMeanT2 << std::endl;
     out << "T2LM fitted (ms): " << simulated.logMeanT2 << std::endl;
     out << "Evaluations of the decay: " << result.evaluations << std::endl;

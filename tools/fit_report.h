@@ -10,16 +10,6 @@
 
 namespace nmr::tools {
 
-// The T2 distribution of a decay on the parameter file's T2 axis, through the inversion
-// of nmrwalk and nmrwalk-invert.
-struct Distribution {
-    std::vector<double> t2;
-    std::vector<double> amplitude;
-    double logMeanT2 = 0.0;  // ms; NaN without signal
-};
-Distribution distributionOf(const std::vector<double>& times, const std::vector<double>& values,
-                            const NuclearMagneticResonanceParameters& parameters);
-
 // The what-if table of --sweep: per relaxivity the T2LM of the simulated distribution and
 // the misfit.
 void printSweep(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::SweepRequest& sweep,

@@ -227,6 +227,10 @@ class FitResult:
         scale:       amplitude scale, simulated per measured unit
         evaluations: decays computed by the search and the uncertainty
         time_ms, amplitude: the simulated decay at the fitted relaxivities
+        t2_ms, measured_distribution, fitted_distribution: both T2 distributions on the
+                     T2 axis of params, through the inversion of nmrwalk-invert
+        measured_t2lm_ms, fitted_t2lm_ms: their log-mean T2
+        phase_radians: the angle a complex measured signal was turned by (0 for a real one)
     """
 
     def __init__(self, fields):
@@ -248,10 +252,32 @@ class FitResult:
         self.evaluations = fields["evaluations"]
         self.time_ms = fields["time_ms"]
         self.amplitude = fields["amplitude"]
+        self.t2_ms = fields["t2_ms"]
+        self.measured_distribution = fields["measured_distribution"]
+        self.fitted_distribution = fields["fitted_distribution"]
+        self.measured_t2lm_ms = fields["measured_t2lm_ms"]
+        self.fitted_t2lm_ms = fields["fitted_t2lm_ms"]
+        self.phase_radians = fields["phase_radians"]
 
     def __repr__(self):
         return "FitResult(%s, misfit %.4g)" % (
             ", ".join("%s %.4g m/s" % item for item in self.relaxivity.items()), self.misfit)
+
+
+def _measured_signal(amplitude):
+    """(real, imaginary or None) of a measured decay; warns of one that looks unrotated."""
+    import numpy as np
+    signal = np.asarray(amplitude)
+    if np.iscomplexobj(signal):
+        return np.ascontiguousarray(signal.real, float), np.ascontiguousarray(signal.imag, float)
+    early = np.asarray(signal, float)[:256]
+    if early.size and early.mean() < 0.0:
+        warnings.warn("the measured amplitude starts negative (mean of its first %d points %.4g): "
+                      "a signal that was not phase-rotated? Pass the complex signal "
+                      "(real + 1j * imaginary) to have it turned onto the real axis as "
+                      "nmrwalk-invert turns four-column files" % (early.size, early.mean()),
+                      stacklevel=3)
+    return signal, None
 
 
 def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=None, bounds=None,
@@ -264,6 +290,9 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
 
     labels, cell_size_um, params, minerals, seed, progress: as for simulate().
     time_ms, amplitude: the measured decay (at least 10 points inside the simulated times).
+            A complex amplitude (real + 1j * imaginary, as an instrument records it) is
+            turned onto the real axis first, as nmrwalk-invert turns four-column files; a
+            real one that starts negative is warned about.
     fit:    mineral display names to fit; by default every mineral of the rock with a
             non-zero relaxivity in params. The others keep their values.
     bounds: (lower, upper) in m/s for every fitted mineral; by default each one's value in
@@ -278,10 +307,11 @@ def fit(labels, cell_size_um, params, time_ms, amplitude, minerals=None, fit=Non
     path, overrides = _parameter_overrides(params, seed)
     labels, minerals = _native(labels, minerals)
     names = [fit] if isinstance(fit, str) else list(fit or [])
+    real, imaginary = _measured_signal(amplitude)
     bar = _ProgressBar() if progress else None
     try:
         fields = _nmrwalk.fit(labels, float(cell_size_um), minerals, path, overrides,
-                              seed, time_ms, amplitude, names,
+                              seed, time_ms, real, imaginary, names,
                               None if bounds is None else tuple(map(float, bounds)), bar)
     finally:
         if bar is not None:

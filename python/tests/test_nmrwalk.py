@@ -140,15 +140,24 @@ def test_fit_equals_the_fit_tool_at_one_process(tmp_path):
     assert result.uncertainty["Quartz"] == pytest.approx(
         max(high - result.relaxivity["Quartz"], result.relaxivity["Quartz"] - low))
     # A range that stops short of the truth: the value sits on its bound, and says so.
+    assert result.measured_t2lm_ms == pytest.approx(result.fitted_t2lm_ms, rel=0.05)
+    assert len(result.t2_ms) == len(result.measured_distribution) == len(
+        result.fitted_distribution)
+    # The signal as an instrument records it, turned by 0.7 rad: rotated back as
+    # nmrwalk-invert rotates four-column files. A range that stops short of the truth: the
+    # value sits on its bound, and says so.
+    recorded = measured.amplitude * np.exp(0.7j)
     with pytest.warns(UserWarning, match="Quartz is at its upper bound 1.5e-05 m/s"):
-        capped = nmrwalk.fit(labels, 2.5, path, measured.time_ms, measured.amplitude,
+        capped = nmrwalk.fit(labels, 2.5, path, measured.time_ms, recorded,
                              minerals=MINERALS, fit="Quartz", bounds=(1e-6, 1.5e-5))
+    assert capped.phase_radians == pytest.approx(0.7, abs=1e-9)
     assert list(capped.relaxivity) == ["Quartz"] and capped.at_bound["Quartz"]
     assert capped.warnings == ["Warning: Quartz is at its upper bound 1.5e-05 m/s; the best "
                                "fit may lie outside it (try bounds=(1e-06, 0.00015))"]
-    expect(nmrwalk.Error, "Pyrite", lambda: nmrwalk.fit(
-        labels, 2.5, path, measured.time_ms, measured.amplitude, minerals=MINERALS,
-        fit="Pyrite"))
+    with pytest.warns(UserWarning, match="starts negative"):
+        expect(nmrwalk.Error, "Pyrite", lambda: nmrwalk.fit(
+            labels, 2.5, path, measured.time_ms, -measured.amplitude, minerals=MINERALS,
+            fit="Pyrite"))
     expect(ValueError, "at least 10", lambda: nmrwalk.fit(
         labels, 2.5, path, measured.time_ms[:5], measured.amplitude[:5], minerals=MINERALS))
 
