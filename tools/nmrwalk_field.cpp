@@ -66,9 +66,14 @@ public:
 
     int run() {
         if (!parseOptions()) return status_;
-        parameters_ = readParametersCollectively(rank_, size_, kParameterPath,
-                                                 rank_ == kRoot ? std::cerr : quiet_);
-        if (!parameters_) return 1;
+        std::ostringstream console;  // the reader's message, shown as this program's error
+        parameters_ = readParametersCollectively(rank_, size_, kParameterPath, console);
+        if (!parameters_) {
+            std::string text = console.str();
+            while (!text.empty() && text.back() == '\n') text.pop_back();
+            if (rank_ == kRoot) printError(text);
+            return 1;
+        }
         if (!onRoot([&] { settings_ = readFieldSettings(kParameterPath); })) return 1;
         broadcastSettings();
         const auto start = std::chrono::steady_clock::now();
@@ -280,7 +285,6 @@ private:
     const int rank_;
     const int size_;
     int status_ = 1;
-    std::ostringstream quiet_;
     FieldToolOptions options_;
     std::unique_ptr<NuclearMagneticResonanceParameters> parameters_;
     FieldSettings settings_;

@@ -113,13 +113,17 @@ TEST_F(FieldTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
         EXPECT_NE(result.errorOutput.find(c.message), std::string::npos) << result.errorOutput;
         EXPECT_FALSE(anyOutput()) << c.message;
     }
-    dir_.write("nmr.yaml", parameterFile());  // no staticField, no volumeSusceptibility
-    const auto missing = field(2);
-    EXPECT_EQ(missing.exitStatus, 1);
-    EXPECT_NE(missing.errorOutput.find("volumeSusceptibility parameter is missing"),
-              std::string::npos)
-        << missing.errorOutput;
-    EXPECT_FALSE(anyOutput());
+    const std::pair<std::string, std::string> files[] = {
+        {parameterFile(), "volumeSusceptibility parameter is missing"},  // no field keys
+        {"NuclearMagneticResonanceParameters: [", "reading the input file ./nmr.yaml"}};
+    for (const auto& [text, message] : files) {
+        dir_.write("nmr.yaml", text);
+        const auto result = field(2);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_EQ(result.errorOutput.find("nmrwalk-field: error: "), 0u) << result.errorOutput;
+        EXPECT_NE(result.errorOutput.find(message), std::string::npos) << result.errorOutput;
+        EXPECT_FALSE(anyOutput());
+    }
 }
 
 TEST_F(FieldTool, HelpStatesTheConventions) {
