@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/exception.h"
+#include "field/field_file.h"
 #include "io/compressed_out_stream.h"
 #include "io/grain_bed_grid_format.h"
 #include "io/grain_bed_grid_writer.h"
@@ -121,6 +122,27 @@ void writeTiff(const std::string& path, std::uint32_t pages, std::uint16_t bits,
     TIFFClose(tif);
 }
 
+// The field files of nmrwalk-field's writer: the header as written (it names field.raw,
+// which the target fills with the same bytes), and the same header with its values after it.
+void writeFieldSeeds() {
+    const std::string written = file("field_file", "written.mhd");
+    std::vector<float> values(24);
+    for (std::size_t i = 0; i < values.size(); ++i)
+        values[i] = static_cast<float>(i % 5) * 1e-6f - 2e-6f;
+    field::writeFieldFile(written, {4, 3, 2}, 2.5, values);
+    std::ifstream header(written), data(field::fieldDataPath(written), std::ios::binary);
+    std::ostringstream headerText, dataBytes;
+    headerText << header.rdbuf();
+    dataBytes << data.rdbuf();
+    std::filesystem::remove(field::fieldDataPath(written));
+    std::string local = headerText.str();
+    local.replace(local.find("written.raw"), std::string("written.raw").size(), "LOCAL");
+    writeBytes(file("field_file", "local.mhd"), local + dataBytes.str());
+    std::string named = headerText.str();
+    named.replace(named.find("written.raw"), std::string("written.raw").size(), "field.raw");
+    writeBytes(written, named);
+}
+
 void writeSeeds() {
     writeBytes(file("grid_file", "small.grid"), gridContent(4, 3, 2, 0));
     writeBytes(file("grid_file", "margins.grid"), gridContent(5, 4, 3, 1));
@@ -133,6 +155,10 @@ void writeSeeds() {
     writeBytes(file("legacy_stream", "two_chunks.binc"), legacyFile(gridContent(3, 2, 2, 0), 900));
 
     writeTemplateFile(file("parameter_file", "template.yaml"));
+    writeBytes(file("parameter_file", "field_keys.yaml"),
+               encodeParameters(templateParameters()) +
+                   "\n  volumeSusceptibility: {Pore: -9.05e-06, Quartz: -1.65e-05}\n"
+                   "  staticField: 0.05\n  staticFieldDirection: x\n");
 
     writeBytes(file("decay_file", "two_columns.txt"),
                "# time (ms), amplitude\n0.2 1.0\n0.4 0.81\n0.6 0.66\n\n0.8 0.54 # last\n");
@@ -155,6 +181,7 @@ void writeSeeds() {
     writeTiff(file("tiff_stack", "uint8_deflate.tif"), 2, 8, false, COMPRESSION_ADOBE_DEFLATE);
     writeTiff(file("tiff_stack", "int16_plain.tif"), 1, 16, true, COMPRESSION_NONE);
     writeTiff(file("tiff_stack", "uint8_lzw.tif"), 2, 8, false, COMPRESSION_LZW);
+    writeFieldSeeds();
 }
 
 }  // namespace

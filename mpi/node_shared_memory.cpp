@@ -19,18 +19,6 @@ namespace {
 
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
 
-// MemAvailable of /proc/meminfo: what can be allocated without swapping.
-std::uint64_t availableMemory() {
-    std::ifstream meminfo("/proc/meminfo");
-    for (std::string line; std::getline(meminfo, line);) {
-        if (line.rfind("MemAvailable:", 0) != 0) continue;
-        std::istringstream fields(line.substr(13));
-        std::uint64_t kib = 0;
-        if (fields >> kib) return kib * 1024;
-    }
-    return kUnlimited;
-}
-
 // Open MPI keeps a shared window in a file of its backing directory (an MCA setting,
 // /dev/shm unless the user moved it), and the window can be no larger than the free
 // space there.
@@ -48,6 +36,17 @@ std::uint64_t availableSharedFileSpace() {
 
 }  // namespace
 
+std::uint64_t availableMemoryBytes() {
+    std::ifstream meminfo("/proc/meminfo");
+    for (std::string line; std::getline(meminfo, line);) {
+        if (line.rfind("MemAvailable:", 0) != 0) continue;
+        std::istringstream fields(line.substr(13));
+        std::uint64_t kib = 0;
+        if (fields >> kib) return kib * 1024;
+    }
+    return kUnlimited;
+}
+
 NodeSharedBuffer::~NodeSharedBuffer() {
     if (window_ != MPI_WIN_NULL) MPI_Win_free(&window_);
 }
@@ -64,7 +63,7 @@ NodeAllocation NodeAllocation::allocate(const std::shared_ptr<NodeTopology>& top
 
     long long available = static_cast<long long>(kUnlimited);
     if (topology->isLeader()) {
-        std::uint64_t room = availableMemory();
+        std::uint64_t room = availableMemoryBytes();
         if (shared) room = std::min(room, availableSharedFileSpace());
         available = static_cast<long long>(std::min(room, kUnlimited));
     }

@@ -9,6 +9,10 @@
 
 namespace nmr::mpi {
 
+// MemAvailable of this machine (/proc/meminfo): what can be allocated without swapping, in
+// bytes; the largest int64 when the kernel does not say.
+std::uint64_t availableMemoryBytes();
+
 // A block of bytes that every process of a node reads through its own pointer. Processes
 // that share their node with others see one MPI-3 shared-memory window allocated by the
 // node leader; a process alone on its node gets ordinary memory instead, so that it does

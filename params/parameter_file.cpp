@@ -10,6 +10,7 @@
 
 #include "common/exception.h"
 #include "grid/mineral.h"
+#include "params/field_settings.h"
 
 namespace nmr {
 
@@ -291,6 +292,8 @@ const std::set<std::string>& parameterKeys() {
         std::set<std::string> all{"waterSaturation", "t2Components", "checkpointInterval",
                                   "t2Minimum", "t2Maximum"};
         for (const auto& entry : requiredKeys()) all.insert(entry.first);
+        // Read by the field computation only; a file that holds them is still a run's file.
+        all.insert(fieldSettingKeys().begin(), fieldSettingKeys().end());
         return all;
     }();
     return keys;

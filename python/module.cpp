@@ -11,6 +11,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,6 +25,7 @@
 #include "common/exception.h"
 #include "common/logger.h"
 #include "common/progress_reporter.h"
+#include "field/dipole_field.h"
 #include "fit/fit_request.h"
 #include "fit/recording.h"
 #include "fit/relaxivity_fit.h"
@@ -537,6 +539,68 @@ py::tuple readGrid(const std::string& path) {
     return py::make_tuple(codes, grid->cellSize());
 }
 
+// The susceptibility per mineral code from a mapping of display name to SI susceptibility,
+// as volumeSusceptibility of nmr.yaml gives it: Pore is required, every mineral of the grid
+// needs a value, and the others take the fluid's.
+field::Susceptibilities susceptibilityTable(const py::dict& given, const ByteMineralGrid& grid) {
+    std::map<Mineral::Type, double> values;
+    for (const auto& [key, value] : given) {
+        const std::string name = py::str(key);
+        const Mineral::Type code = Mineral::fromName(name);
+        if (code == Mineral::Unknown || !py::isinstance<py::str>(key))
+            throw std::invalid_argument("susceptibility: " + std::string(py::repr(key)) +
+                                        " is not a mineral name (see MINERALS)");
+        values[code] = value.cast<double>();
+    }
+    if (values.count(Mineral::Pore) == 0)
+        throw std::invalid_argument(
+            "susceptibility needs \"Pore\", the susceptibility of the pore fluid (water: "
+            "-9.05e-06)");
+    field::Susceptibilities table{};
+    table.fill(values[Mineral::Pore]);
+    for (const auto& [code, chi] : values) table[code] = chi;
+    for (const Mineral::Type code : Mineral::allTypes())
+        if (grid.counter(code) > 0 && values.count(code) == 0)
+            throw std::invalid_argument("susceptibility has no value for " + Mineral::name(code) +
+                                        ", which the labels hold");
+    return table;
+}
+
+// dB/B0 of the rock as nmrwalk-field computes it at one process, [z, y, x] float32. The
+// values move into the array without a copy.
+py::array_t<float> internalField(py::array labels, double cellSize, const py::object& minerals,
+                                 const py::dict& susceptibility, const std::string& direction,
+                                 const py::object& padding) {
+    const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
+    field::FieldOptions options;
+    try {
+        options.direction = field::axisFromName(direction);
+        if (!padding.is_none()) options.padding = padding.cast<double>();
+        field::paddedLength(1, options.padding);
+    } catch (const Exception& e) {
+        throw std::invalid_argument(e.message());
+    }
+    const MineralVolume cells{
+        rock.volume.nx(), rock.volume.ny(), rock.volume.nz(), rock.cellSize,
+        [&](std::uint32_t z, std::uint8_t* out) { rock.volume.sliceCodes(z, rock.codes, out); }};
+    std::shared_ptr<ByteMineralGrid> grid;
+    {
+        py::gil_scoped_release released;
+        grid = buildByteMineralGrid(cells, GridLoadOptions{});
+    }
+    const field::Susceptibilities table = susceptibilityTable(susceptibility, *grid);
+    auto values = std::make_unique<std::vector<float>>();
+    {
+        py::gil_scoped_release released;
+        *values = field::computeField(*grid, table, options);
+    }
+    const std::vector<py::ssize_t> shape{rock.volume.nz(), rock.volume.ny(), rock.volume.nx()};
+    std::vector<float>* held = values.release();
+    const py::capsule owner(held,
+                            [](void* vector) { delete static_cast<std::vector<float>*>(vector); });
+    return py::array_t<float>(shape, held->data(), owner);
+}
+
 // A grain bed grid file of the labels' minerals, without margins; a failed write leaves
 // no file behind.
 void writeGrid(const std::string& path, py::array labels, double cellSize,
@@ -595,6 +659,8 @@ PYBIND11_MODULE(_nmrwalk, m) {
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
           py::arg("amplitude"), py::arg("imaginary"), py::arg("fit"), py::arg("bounds"),
           py::arg("progress"));
+    m.def("field", &internalField, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
+          py::arg("susceptibility"), py::arg("b0_direction"), py::arg("padding"));
     m.def("read_grid", &readGrid, py::arg("path"));
     m.def("write_grid", &writeGrid, py::arg("path"), py::arg("labels"), py::arg("cell_size_um"),
           py::arg("minerals"));

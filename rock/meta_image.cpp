@@ -1,5 +1,6 @@
 #include "rock/meta_image.h"
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -26,14 +27,35 @@ bool parseBool(const std::string& value, const std::string& path, const std::str
                               " is not True or False: " + value);
 }
 
-VoxelType elementType(const std::string& value, const std::string& path) {
-    if (value == "MET_UCHAR") return VoxelType::UInt8;
-    if (value == "MET_CHAR") return VoxelType::Int8;
-    if (value == "MET_USHORT") return VoxelType::UInt16;
-    if (value == "MET_SHORT") return VoxelType::Int16;
-    throw FileAccessException(
-        "ElementType in " + path +
-        " must be MET_UCHAR, MET_CHAR, MET_USHORT or MET_SHORT for labels: " + value);
+const MetaImageElements& labelElements() {
+    static const MetaImageElements labels{
+        {{"MET_UCHAR", 1}, {"MET_CHAR", 1}, {"MET_USHORT", 2}, {"MET_SHORT", 2}}, "labels"};
+    return labels;
+}
+
+VoxelType voxelTypeOf(const std::string& elementType) {
+    if (elementType == "MET_UCHAR") return VoxelType::UInt8;
+    if (elementType == "MET_CHAR") return VoxelType::Int8;
+    if (elementType == "MET_USHORT") return VoxelType::UInt16;
+    return VoxelType::Int16;
+}
+
+// "A, B, C or D"
+std::string alternatives(const MetaImageElements& accepted) {
+    std::string text;
+    for (std::size_t i = 0; i < accepted.types.size(); ++i) {
+        if (i > 0) text += i + 1 == accepted.types.size() ? " or " : ", ";
+        text += accepted.types[i].first;
+    }
+    return text;
+}
+
+std::size_t elementBytes(const std::string& value, const std::string& path,
+                         const MetaImageElements& accepted) {
+    for (const auto& [type, bytes] : accepted.types)
+        if (type == value) return bytes;
+    throw FileAccessException("ElementType in " + path + " must be " + alternatives(accepted) +
+                              " for " + accepted.purpose + ": " + value);
 }
 
 // The keys of a header as read, before they are checked against each other.
@@ -45,9 +67,9 @@ struct HeaderKeys {
     std::int64_t headerSize = 0;
 };
 
-// One "key = value" line; spacing and byte order go straight into the header.
+// One "key = value" line; spacing and byte order go straight into the layout.
 void readKey(const std::string& key, const std::string& value, const std::string& path,
-             HeaderKeys& keys, MetaImageHeader& header) {
+             const std::string& purpose, HeaderKeys& keys, MetaImageLayout& header) {
     const std::string what = "Bad " + key + " in " + path;
     if (key == "NDims") {
         keys.dims = static_cast<int>(parseInteger(value, what));
@@ -71,10 +93,15 @@ void readKey(const std::string& key, const std::string& value, const std::string
     } else if (key == "BinaryDataByteOrderMSB" || key == "ElementByteOrderMSB") {
         header.bigEndian = parseBool(value, path, key);
     } else if (key == "ElementNumberOfChannels") {
-        if (parseInteger(value, what) != 1)
-            throw FileAccessException(
-                "Labels need one channel per voxel; ElementNumberOfChannels in " + path + ": " +
-                value);
+        if (parseInteger(value, what) != 1) {
+            std::string subject = purpose;
+            if (!subject.empty())
+                subject[0] =
+                    static_cast<char>(std::toupper(static_cast<unsigned char>(subject[0])));
+            throw FileAccessException(subject +
+                                      " need one channel per voxel; ElementNumberOfChannels in " +
+                                      path + ": " + value);
+        }
     } else if (key == "CompressedData") {
         if (parseBool(value, path, key))
             throw FileAccessException("Compressed MetaImage data are not supported (" + path +
@@ -85,7 +112,8 @@ void readKey(const std::string& key, const std::string& value, const std::string
 }
 
 // Reads lines up to ElementDataFile, always the last key: with LOCAL the voxels follow it.
-HeaderKeys readKeys(std::istream& in, const std::string& path, MetaImageHeader& header) {
+HeaderKeys readKeys(std::istream& in, const std::string& path, const std::string& purpose,
+                    MetaImageLayout& header) {
     HeaderKeys keys;
     std::string line;
     for (int number = 1; !keys.dataFile && std::getline(in, line); ++number) {
@@ -94,7 +122,7 @@ HeaderKeys readKeys(std::istream& in, const std::string& path, MetaImageHeader& 
         if (eq == std::string::npos)
             throw FileAccessException("Not a MetaImage header line in " + path + " line " +
                                       std::to_string(number) + ": " + trim(line));
-        readKey(trim(line.substr(0, eq)), trim(line.substr(eq + 1)), path, keys, header);
+        readKey(trim(line.substr(0, eq)), trim(line.substr(eq + 1)), path, purpose, keys, header);
     }
     for (const auto& [missing, name] : {std::pair{keys.dimSize.empty(), "DimSize"},
                                         {!keys.type, "ElementType"},
@@ -106,7 +134,7 @@ HeaderKeys readKeys(std::istream& in, const std::string& path, MetaImageHeader& 
     return keys;
 }
 
-VolumeShape shapeOf(const HeaderKeys& keys, const std::string& path) {
+std::array<std::uint32_t, 3> sizeOf(const HeaderKeys& keys, const std::string& path) {
     if (keys.dimSize.size() != static_cast<std::size_t>(keys.dims))
         throw FileAccessException("DimSize in " + path + " does not have NDims entries: " +
                                   std::to_string(keys.dimSize.size()));
@@ -117,12 +145,12 @@ VolumeShape shapeOf(const HeaderKeys& keys, const std::string& path) {
             throw FileAccessException("Bad DimSize in " + path + ": " + keys.dimSize[i]);
         n[i] = static_cast<std::uint32_t>(v);
     }
-    return VolumeShape{n[0], n[1], n[2], elementType(*keys.type, path)};
+    return n;
 }
 
 // Where the voxels are: after the header (LOCAL), or in one file beside it.
 void locateData(const HeaderKeys& keys, const std::string& path, std::istream& in,
-                MetaImageHeader& header) {
+                MetaImageLayout& header) {
     const std::string& dataFile = *keys.dataFile;
     if (dataFile == "LOCAL") {
         header.dataPath = path;
@@ -143,21 +171,37 @@ void locateData(const HeaderKeys& keys, const std::string& path, std::istream& i
     // HeaderSize = -1: the voxels are the last bytes of the data file.
     std::error_code error;
     const std::uint64_t size = std::filesystem::file_size(header.dataPath, error);
-    const std::uint64_t need = header.shape.voxelCount() * bytesPerVoxel(header.shape.type);
+    const std::uint64_t need =
+        std::uint64_t{header.size[0]} * header.size[1] * header.size[2] * header.elementBytes;
     if (error) throw FileAccessException("Cannot open the volume file: " + header.dataPath);
     header.dataOffset = size >= need ? size - need : 0;
 }
 
 }  // namespace
 
-MetaImageHeader readMetaImageHeader(const std::string& path) {
+MetaImageLayout readMetaImageLayout(const std::string& path, const MetaImageElements& accepted) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw FileAccessException("Cannot open the MetaImage header: " + path);
+    MetaImageLayout layout;
+    layout.headerPath = path;
+    const HeaderKeys keys = readKeys(in, path, accepted.purpose, layout);
+    layout.size = sizeOf(keys, path);
+    layout.elementBytes = elementBytes(*keys.type, path, accepted);
+    layout.elementType = *keys.type;
+    locateData(keys, path, in, layout);
+    return layout;
+}
+
+MetaImageHeader readMetaImageHeader(const std::string& path) {
+    const MetaImageLayout layout = readMetaImageLayout(path, labelElements());
     MetaImageHeader header;
-    header.headerPath = path;
-    const HeaderKeys keys = readKeys(in, path, header);
-    header.shape = shapeOf(keys, path);
-    locateData(keys, path, in, header);
+    header.headerPath = layout.headerPath;
+    header.shape = VolumeShape{layout.size[0], layout.size[1], layout.size[2],
+                               voxelTypeOf(layout.elementType)};
+    header.bigEndian = layout.bigEndian;
+    header.spacing = layout.spacing;
+    header.dataPath = layout.dataPath;
+    header.dataOffset = layout.dataOffset;
     return header;
 }
 

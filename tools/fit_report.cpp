@@ -14,16 +14,11 @@
 #include "common/exception.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
+#include "tools/option_parser.h"
 
 namespace nmr::tools {
 
 namespace {
-
-std::string shellQuoted(const std::string& word) {
-    std::string quoted = "'";
-    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
 
 void putArray(std::ostream& out, const std::vector<double>& values) {
     out << '[';

@@ -51,6 +51,12 @@ OptionParser::OptionParser(int argc, const char* const* argv, const Definition& 
     }
 }
 
+std::string shellQuoted(const std::string& word) {
+    std::string quoted = "'";
+    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 std::optional<std::string> OptionParser::value(const std::string& name) const {
     const auto it = values_.find(name);
     if (it == values_.end()) return std::nullopt;

@@ -45,6 +45,9 @@ private:
     std::vector<std::string> positional_;
 };
 
+// The word in single quotes for a shell command line, whatever characters it holds.
+std::string shellQuoted(const std::string& word);
+
 // A tool's main: runs body and turns any error that escapes it into
 // "<tool>: error: <text>" on standard error (and "<tool>: <detail>" on the next line when
 // the error carries one) and exit status 1.

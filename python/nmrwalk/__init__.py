@@ -9,6 +9,7 @@ Functions:
     simulate    walk a rock and invert its decay
     fit         surface relaxivities that match a measured decay, from one walk
     invert      the T2 distribution of any decay (as nmrwalk-invert)
+    field       the internal magnetic field from mineral susceptibilities (as nmrwalk-field)
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
     parameter_keys  the keys params may hold
@@ -25,7 +26,7 @@ import warnings
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "fit", "FitResult", "invert", "read_grid", "write_grid", "parameter_keys", "Result",
+__all__ = ["simulate", "fit", "FitResult", "invert", "field", "read_grid", "write_grid", "parameter_keys", "Result",
            "Error", "MINERALS"]
 
 Error = _nmrwalk.Error
@@ -336,6 +337,26 @@ def invert(time_ms, amplitude, t2_min=0.0001, t2_max=10000.0, components=100):
     regularisation parameter chosen at the corner of the L-curve.
     """
     return _nmrwalk.invert(time_ms, amplitude, float(t2_min), float(t2_max), int(components))
+
+
+def field(labels, cell_size_um, susceptibility, b0_direction="z", minerals=None, padding=None):
+    """The internal magnetic field dB/B0 of a rock in the static field B0, as nmrwalk-field.
+
+    labels, cell_size_um, minerals: as for simulate().
+    susceptibility: dict from mineral display name to SI volume susceptibility, with "Pore"
+                  for the pore fluid (water: -9.05e-6); every mineral of the rock needs one.
+    b0_direction: "x", "y" or "z", the axis of B0.
+    padding:      the FFT box per axis is at least padding times the rock (default 2).
+
+    Returns a float32 numpy array indexed [z, y, x]: dB/B0 along B0 at every cell centre,
+    to first order in the susceptibilities, with the Lorentz-sphere correction (a
+    uniformly magnetised sphere has no field inside), the rock embedded in its own pore
+    fluid (the source is chi - chi_Pore, zero outside the rock) and zero padding. The
+    values have the bits of nmrwalk-field's .raw file for the same rock at any process
+    count. Multiply by B0 for dB in tesla. Runs with the GIL released.
+    """
+    return _nmrwalk.field(_native(labels), float(cell_size_um), minerals, dict(susceptibility),
+                          str(b0_direction), None if padding is None else float(padding))
 
 
 def read_grid(path):

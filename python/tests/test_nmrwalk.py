@@ -253,3 +253,35 @@ def test_example_writes_its_plot(tmp_path):
     assert done.returncode == 0, done.stderr
     assert (tmp_path / "grain_pack.png").stat().st_size > 10_000
     assert "T2LM" in done.stdout
+
+
+SUSCEPTIBILITY = {"Pore": -9.05e-6, "Quartz": -1.65e-5, "Clay": 2.0e-4}
+
+
+def test_field_has_the_bits_of_the_field_tool(tmp_path):
+    labels = rock()
+    write_run_directory(tmp_path, labels, settings())
+    with open(tmp_path / "nmr.yaml", "a") as handle:
+        handle.write("  volumeSusceptibility: {Pore: -9.05e-06, Quartz: -1.65e-05, Clay: 2.0e-04}\n"
+                     "  staticField: 0.05\n  staticFieldDirection: x\n")
+    subprocess.run([os.path.join(BUILD, "nmrwalk-field")], cwd=tmp_path, check=True,
+                   capture_output=True)
+    written = np.fromfile(tmp_path / "field.raw", dtype="<f4").reshape(labels.shape)
+    along_x = nmrwalk.field(labels, 2.5, SUSCEPTIBILITY, "x", minerals=MINERALS)
+    assert along_x.dtype == np.float32 and along_x.shape == labels.shape
+    assert np.array_equal(along_x.view(np.uint32), written.view(np.uint32))
+    along_z = nmrwalk.field(labels, 2.5, SUSCEPTIBILITY, minerals=MINERALS, padding=2)
+    assert not np.array_equal(along_z, along_x)
+
+
+@pytest.mark.parametrize("changes, message", [
+    ({"susceptibility": {"Pore": -9e-6, "Quartzz": 1e-5}}, "Quartzz"),
+    ({"susceptibility": {"Quartz": -1.65e-5, "Clay": 2e-4}}, "Pore"),
+    ({"susceptibility": {"Pore": -9e-6, "Quartz": -1.65e-5}}, "no value for Clay"),
+    ({"b0_direction": "w"}, "x, y or z"),
+    ({"padding": 0.5}, "padding must be a number of at least 1"),
+])
+def test_field_refuses_bad_input(changes, message):
+    arguments = {"susceptibility": SUSCEPTIBILITY, **changes}
+    with pytest.raises(ValueError, match=message):
+        nmrwalk.field(rock(), 2.5, minerals=MINERALS, **arguments)
