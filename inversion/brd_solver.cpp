@@ -22,12 +22,49 @@ std::vector<Eigen::Index> activeColumns(const Eigen::VectorXd& z) {
     return active;
 }
 
+void gather(const Eigen::MatrixXd& kernel, const std::vector<Eigen::Index>& columns,
+            Eigen::MatrixXd& out) {
+    out.resize(kernel.rows(), static_cast<Eigen::Index>(columns.size()));
+    for (std::size_t k = 0; k < columns.size(); ++k)
+        out.col(static_cast<Eigen::Index>(k)) = kernel.col(columns[k]);
+}
+
 }  // namespace
 
 BrdSolver::BrdSolver(const CompressedProblem& problem)
     : kernel_(problem.kernel),
       data_(problem.data),
-      top_(problem.k1.s[0] * problem.k2.s[0] * problem.k1.s[0] * problem.k2.s[0]) {}
+      top_(problem.k1.s[0] * problem.k2.s[0] * problem.k1.s[0] * problem.k2.s[0]) {
+    gram_.setZero(kernel_.rows(), kernel_.rows());
+    gram_.selfadjointView<Eigen::Lower>().rankUpdate(kernel_);
+}
+
+void BrdSolver::assemble(const std::vector<Eigen::Index>& active, double alpha,
+                         Eigen::MatrixXd& activeColumns, Eigen::MatrixXd& h) const {
+    gather(kernel_, active, activeColumns);
+    const auto n = static_cast<std::size_t>(kernel_.cols());
+    if (2 * active.size() <= n) {
+        h.setZero(kernel_.rows(), kernel_.rows());
+        h.selfadjointView<Eigen::Lower>().rankUpdate(activeColumns);
+    } else {
+        // Mostly active (large alpha): the whole Gram matrix less the few inactive columns.
+        std::vector<Eigen::Index> inactive;
+        inactive.reserve(n - active.size());
+        std::size_t a = 0;
+        for (std::size_t j = 0; j < n; ++j) {
+            if (a < active.size() && static_cast<std::size_t>(active[a]) == j) {
+                ++a;
+            } else {
+                inactive.push_back(static_cast<Eigen::Index>(j));
+            }
+        }
+        Eigen::MatrixXd rest;
+        gather(kernel_, inactive, rest);
+        h = gram_;
+        h.selfadjointView<Eigen::Lower>().rankUpdate(rest, -1.0);
+    }
+    h.diagonal().array() += alpha;
+}
 
 double BrdSolver::dual(const Eigen::VectorXd& c, double alpha) const {
     const Eigen::VectorXd z = (kernel_.transpose() * c).cwiseMax(0.0);
@@ -46,14 +83,13 @@ Eigen::VectorXd BrdSolver::solve(double alpha) {
 }
 
 void BrdSolver::descend(double alpha) {
-    const Eigen::Index rows = kernel_.rows();
     c_ *= lastAlpha_ / alpha;
     lastAlpha_ = alpha;
     lastConverged_ = false;
     const double tolerance = kGradientTolerance * data_.norm();
     std::vector<Eigen::Index> previous;
     bool fullStep = false;
-    Eigen::MatrixXd h(rows, rows);
+    Eigen::MatrixXd h;
     Eigen::MatrixXd gathered;
     for (int iteration = 0; iteration < kStepLimit; ++iteration, ++lastSteps_) {
         const Eigen::VectorXd z = kernel_.transpose() * c_;
@@ -62,12 +98,7 @@ void BrdSolver::descend(double alpha) {
             lastConverged_ = true;
             break;
         }
-        gathered.resize(rows, static_cast<Eigen::Index>(active.size()));
-        for (std::size_t k = 0; k < active.size(); ++k)
-            gathered.col(static_cast<Eigen::Index>(k)) = kernel_.col(active[k]);
-        h.setZero();
-        h.selfadjointView<Eigen::Lower>().rankUpdate(gathered);
-        h.diagonal().array() += alpha;
+        assemble(active, alpha, gathered, h);
         const Eigen::VectorXd zActive = z(active);
         const Eigen::VectorXd gradient = gathered * zActive + alpha * c_ - data_;
         if (gradient.norm() <= tolerance) {

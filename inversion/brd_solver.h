@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <vector>
 
 #include "inversion/compression.h"
 
@@ -47,11 +48,15 @@ public:
 private:
     // Newton steps from c_, scaled from the last alpha to this one.
     void descend(double alpha);
+    // The active columns of the kernel, and H = K_A K_A^T + alpha I in the lower triangle.
+    void assemble(const std::vector<Eigen::Index>& active, double alpha,
+                  Eigen::MatrixXd& activeColumns, Eigen::MatrixXd& h) const;
     double dual(const Eigen::VectorXd& c, double alpha) const;
 
     const Eigen::MatrixXd& kernel_;
     const Eigen::VectorXd& data_;
-    double top_;  // (s1[0] s2[0])^2, where the first solve starts
+    double top_;            // (s1[0] s2[0])^2, where the first solve starts
+    Eigen::MatrixXd gram_;  // K K^T, lower triangle
     Eigen::VectorXd c_;
     double lastAlpha_ = 0.0;
     int lastSteps_ = 0;
