@@ -43,9 +43,11 @@ void BrdSolver::assemble(const std::vector<Eigen::Index>& active, double alpha,
                          Eigen::MatrixXd& activeColumns, Eigen::MatrixXd& h) const {
     gather(kernel_, active, activeColumns);
     const auto n = static_cast<std::size_t>(kernel_.cols());
+    // Eigen's blocked products divide by the inner dimension: an empty set of columns
+    // must not reach rankUpdate.
     if (2 * active.size() <= n) {
         h.setZero(kernel_.rows(), kernel_.rows());
-        h.selfadjointView<Eigen::Lower>().rankUpdate(activeColumns);
+        if (!active.empty()) h.selfadjointView<Eigen::Lower>().rankUpdate(activeColumns);
     } else {
         // Mostly active (large alpha): the whole Gram matrix less the few inactive columns.
         std::vector<Eigen::Index> inactive;
@@ -58,10 +60,12 @@ void BrdSolver::assemble(const std::vector<Eigen::Index>& active, double alpha,
                 inactive.push_back(static_cast<Eigen::Index>(j));
             }
         }
-        Eigen::MatrixXd rest;
-        gather(kernel_, inactive, rest);
         h = gram_;
-        h.selfadjointView<Eigen::Lower>().rankUpdate(rest, -1.0);
+        if (!inactive.empty()) {
+            Eigen::MatrixXd rest;
+            gather(kernel_, inactive, rest);
+            h.selfadjointView<Eigen::Lower>().rankUpdate(rest, -1.0);
+        }
     }
     h.diagonal().array() += alpha;
 }

@@ -71,7 +71,7 @@ TEST(Compression, KernelAndDataShareTheColumnMajorLayoutOfTheMap) {
     // Rounding of a sum over 5200 data of order 1.
     EXPECT_LT((p.kernel * f.reshaped() - p.data).norm(), 1e-10 * p.data.norm());
     EXPECT_LT(p.outsideSquares, 1e-20 * data.squaredNorm());
-    EXPECT_EQ(p.outsideCount, Eigen::Index{13 * 400} - p.kernel.rows());
+    EXPECT_EQ(p.outsideCount, Eigen::Index{13} * 400 - p.kernel.rows());
     EXPECT_EQ(thrownMessage([&] { compressProblem(k.k1, k.k2, data.transpose(), 1e-4); }),
               "The data (400 x 13) do not match the kernels' samples (13 x 400)");
 }
@@ -170,6 +170,12 @@ TEST(MapInversion, TheNoiseLevelIsGivenEstimatedOrTheFloor) {
     EXPECT_EQ(e.noiseSource, NoiseSource::Floor);
     EXPECT_EQ(e.noise, kNoiseFloor * exact.data.cwiseAbs().maxCoeff());
     EXPECT_LT(e.estimatedNoise, e.noise);
+
+    // No signal at all: no noise either, and an empty map rather than a failure.
+    const MapResult zero = invertMap(exact.kernel, Eigen::MatrixXd::Zero(20, 300));
+    EXPECT_EQ(zero.map.cwiseAbs().maxCoeff(), 0.0);
+    EXPECT_EQ(zero.noiseSource, NoiseSource::Floor);
+    EXPECT_TRUE(std::isnan(zero.logMean1));
 
     MapOptions fixed;
     fixed.alpha = 0.5;
