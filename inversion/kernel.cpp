@@ -67,4 +67,14 @@ std::pair<double, double> resolvableRange(KernelKind kind, const std::vector<dou
     return {smallest, kSlowEndFactor * largest};
 }
 
+std::vector<double> mapAxis(KernelKind kind, const std::vector<double>& samples, int count,
+                            std::optional<double> lo, std::optional<double> hi) {
+    if (!lo || !hi) {
+        const auto range = resolvableRange(kind, samples);
+        if (!lo) lo = range.first;
+        if (!hi) hi = range.second;
+    }
+    return logAxis(*lo, *hi, count);
+}
+
 }  // namespace nmr::inversion

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <Eigen/Dense>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,5 +40,11 @@ std::vector<double> logAxis(double lo, double hi, int count);
 // the record is not piled against the edge. Throws nmr::Exception naming the axis when
 // fewer than two distinct positive samples exist.
 std::pair<double, double> resolvableRange(KernelKind kind, const std::vector<double>& samples);
+
+// The axis of a map: count log-spaced values over resolvableRange(kind, samples), with
+// either end replaced by the caller's. Throws as resolvableRange and logAxis do.
+std::vector<double> mapAxis(KernelKind kind, const std::vector<double>& samples, int count,
+                            std::optional<double> lo = std::nullopt,
+                            std::optional<double> hi = std::nullopt);
 
 }  // namespace nmr::inversion

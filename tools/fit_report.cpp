@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
@@ -14,18 +13,11 @@
 #include "common/exception.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
+#include "tools/plot_script.h"
 
 namespace nmr::tools {
 
 namespace {
-
-// The ratio of the first to the last kept singular value, as in a run.
-
-std::string shellQuoted(const std::string& word) {
-    std::string quoted = "'";
-    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
 
 void putArray(std::ostream& out, const std::vector<double>& values) {
     out << '[';
@@ -152,15 +144,12 @@ void reportFit(std::ostream& out, const fit::RelaxivityFit& fitter, const fit::F
     const std::string data = (folder / "T2fit.json").string();
     const std::string png = (folder / "T2fit.png").string();
     writePlotData(data, window, result.misfit.scale, fitted, lab, simulated);
-    const std::string plot = programDirectory + "/nmrwalk-plot";
-    const std::string command = shellQuoted(plot) + " --fit " + shellQuoted(data) + " -o " +
-                                shellQuoted(png) + " >/dev/null";
-    if (std::system(command.c_str()) == 0) {
+    if (runPlotScript(programDirectory, {"--fit", data, "-o", png})) {
         out << "Wrote " << options.output << ", " << png << " and " << data << std::endl;
     } else {
         out << "Wrote " << options.output << " and " << data << std::endl;
-        std::cerr << "nmrwalk-fit: warning: " << png << " not drawn: " << plot
-                  << " --fit failed (it needs python3-matplotlib)" << std::endl;
+        std::cerr << "nmrwalk-fit: warning: " << png << " not drawn: " << programDirectory
+                  << "/nmrwalk-plot --fit failed (it needs python3-matplotlib)" << std::endl;
     }
 }
 

@@ -24,6 +24,7 @@
 #include "simulation/run_setup.h"
 #include "tools/fit_options.h"
 #include "tools/fit_report.h"
+#include "tools/plot_script.h"
 
 namespace {
 
@@ -216,15 +217,9 @@ private:
             const fit::FitResult result =
                 fitter.fit(request_, static_cast<std::uint32_t>(parameters_->randomSeed()));
             reportFit(std::cout, fitter, result, request_, measured_, *parameters_, options_,
-                      kParameterPath, programDirectory());
+                      kParameterPath, tools::programDirectory());
         }
         std::cout << "Fit time (s): " << secondsSince(start) << std::endl;
-    }
-
-    std::string programDirectory() const {
-        std::error_code error;
-        const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-        return error ? std::string(".") : self.parent_path().string();
     }
 
     int argc_;
