@@ -4,9 +4,10 @@
 
 namespace nmr::inversion {
 
-// Singular values of a kernel smaller than this fraction of its largest are dropped.
-// With data of 1 % noise a component weighed 1e-4 by one kernel and at most 1 by the
-// other is far below the noise, and keeping it would only let the solve chase noise.
+// Singular values of a kernel smaller than this fraction of its largest are dropped. A
+// component that a kernel passes at 1e-4 of its strongest stays below a noise of 1 % of
+// the signal unless its amplitude is a hundred times the signal's; keeping it would only
+// let the solve chase noise.
 inline constexpr double kRelativeSingularValueCut = 1e-4;
 
 // One kernel's truncated SVD, K ~ U S V^T over the kept singular values.

@@ -29,9 +29,9 @@ SeparableKernel separableKernel(KernelKind kind1, const std::vector<double>& sam
 
 // Noise levels are never taken below this fraction of the largest |datum|: exact
 // synthetic data (or a walk's curve, whose Monte Carlo noise looks like signal and stays
-// inside the kept subspace) would otherwise estimate a noise of rounding size, and the
-// noise bound on alpha would let the map fit structure far below what the dropped
-// singular values (kRelativeSingularValueCut) already discard.
+// inside the kept subspace) would otherwise estimate a noise of the size of the signal in
+// the dropped singular components, and alpha would let the map fit structure far below
+// what the dropped singular values (kRelativeSingularValueCut) already discard.
 inline constexpr double kNoiseFloor = 1e-4;
 
 enum class NoiseSource {

@@ -98,27 +98,32 @@ std::vector<double> axisOf(const OptionParser& options, const char* minOption,
     }
 }
 
-std::string noiseText(const inversion::MapResult& r) {
-    switch (r.noiseSource) {
-        case inversion::NoiseSource::Given:
-            return "given";
-        case inversion::NoiseSource::Estimated:
-            return "estimated from the data outside the kept singular vectors";
-        case inversion::NoiseSource::Floor:
-            return "the floor, 1e-4 of the largest |amplitude|; the estimate was " +
-                   std::to_string(r.estimatedNoise);
-    }
-    return "";
-}
-
-void report(const Experiment& e, const inversion::MapResult& r) {
+void report(const Experiment& e, const inversion::Data2d& data, const std::string& input,
+            const inversion::MapResult& r) {
     const std::string name = inversion::axisName(e.kind);
-    std::cout << name << " axis: " << r.axis1.size() << " points from " << r.axis1.front() << " to "
+    std::cout << "Read " << data.first.size() << " x " << data.times.size() << " points from "
+              << input << ": " << e.samples << " from " << data.first.front() << " to "
+              << data.first.back() << " " << e.sampleUnit << ", echo times from "
+              << data.times.front() << " to " << data.times.back() << " ms\n"
+              << name << " axis: " << r.axis1.size() << " points from " << r.axis1.front() << " to "
               << r.axis1.back() << " " << e.unit << "\n"
               << "T2 axis: " << r.axis2.size() << " points from " << r.axis2.front() << " to "
               << r.axis2.back() << " ms\n"
               << "Kept singular values: " << r.rank1 << " x " << r.rank2 << "\n"
-              << "Noise level: " << r.noise << " (" << noiseText(r) << ")\n"
+              << "Noise level: " << r.noise << " (";
+    switch (r.noiseSource) {
+        case inversion::NoiseSource::Given:
+            std::cout << "given";
+            break;
+        case inversion::NoiseSource::Estimated:
+            std::cout << "estimated from the data outside the kept singular vectors";
+            break;
+        case inversion::NoiseSource::Floor:
+            std::cout << "the floor, 1e-4 of the largest |amplitude|; the estimate was "
+                      << r.estimatedNoise;
+            break;
+    }
+    std::cout << ")\n"
               << "Alpha: " << r.alpha << "\n"
               << "RMS residual: " << r.residualRms << " (" << r.residualRms / r.noise
               << " times the noise)\n"
@@ -143,10 +148,6 @@ int runMapInversion(const OptionParser& options) {
     using Clock = std::chrono::steady_clock;
     const auto start = Clock::now();
     const inversion::Data2d data = inversion::readData2d(input);
-    std::cout << "Read " << data.first.size() << " x " << data.times.size() << " points from "
-              << input << ": " << e.samples << " from " << data.first.front() << " to "
-              << data.first.back() << " " << e.sampleUnit << ", echo times from "
-              << data.times.front() << " to " << data.times.back() << " ms\n";
     const int n = static_cast<int>(points);
     inversion::SeparableKernel kernel = inversion::separableKernel(
         e.kind, data.first, axisOf(options, e.minOption, e.maxOption, e.kind, data.first, n, input),
@@ -157,8 +158,9 @@ int runMapInversion(const OptionParser& options) {
         inversion::invertMap(std::move(kernel), data.amplitude, settings);
     const auto done = Clock::now();
 
-    report(e, r);
+    // Nothing is printed or written before the whole inversion has succeeded.
     inversion::writeMap(output, r);
+    report(e, data, input, r);
     const auto folder = std::filesystem::path(output).parent_path();
     const std::string png = (folder / (std::string(e.name) + ".png")).string();
     std::vector<std::string> plot = {"--map", output, "--kind", e.plotKind, "-o", png};

@@ -13,7 +13,7 @@ inline constexpr const char* kMapOptions[] = {"--noise",  "--map-points", "--d-m
 // nmrwalk-invert --dt2 FILE or --t1t2 FILE: reads the three-column data, inverts them into
 // a D-T2 or T1-T2 map, writes the map (DT2map.out or T1T2map.out, or -o) and its PNG
 // beside it, and prints the figures of the inversion. Everything is read and inverted
-// before anything is written, so a refusal leaves no file behind.
+// before anything is printed or written, so a refusal leaves only its message.
 int runMapInversion(const OptionParser& options);
 
 }  // namespace nmr::tools

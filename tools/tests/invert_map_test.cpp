@@ -151,6 +151,7 @@ TEST(MapCommandRefusals, MessageStatusOneAndNoFile) {
         const CommandResult r = runCommand(command, dir.path());
         EXPECT_EQ(r.exitStatus, 1) << c.message;
         EXPECT_EQ(r.errorOutput, "nmrwalk-invert: error: " + c.message + "\n");
+        EXPECT_EQ(r.output, "") << c.message;
         EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1)
             << "a refusal left a file: " << c.message;
     }
