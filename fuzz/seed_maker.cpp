@@ -6,6 +6,7 @@
 #include <tiffio.h>
 #include <zlib.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -16,6 +17,7 @@
 
 #include "common/exception.h"
 #include "field/field_file.h"
+#include "inversion/data_file.h"
 #include "io/compressed_out_stream.h"
 #include "io/grain_bed_grid_format.h"
 #include "io/grain_bed_grid_writer.h"
@@ -164,6 +166,21 @@ void writeSeeds() {
                "# time (ms), amplitude\n0.2 1.0\n0.4 0.81\n0.6 0.66\n\n0.8 0.54 # last\n");
     writeBytes(file("decay_file", "four_columns.csv"),
                "0.2,0,0.70,0.71\n0.4,0,0.57,0.58\n0.6,0,0.46,0.47\n0.8,0,0.38,0.38\n");
+
+    // Written by the library's own writer, as nmrwalk-invert writes its maps; make_corpus
+    // adds such a map.
+    inversion::Data2d blocks;
+    blocks.first = {0.0, 1e8, 5e8, 2e9};
+    blocks.times = {0.2, 0.4, 0.6, 0.8, 1.0};
+    blocks.amplitude.resize(4, 5);
+    for (Eigen::Index i = 0; i < 4; ++i)
+        for (Eigen::Index j = 0; j < 5; ++j)
+            blocks.amplitude(i, j) = std::exp(-blocks.first[static_cast<std::size_t>(i)] * 2e-9 -
+                                              blocks.times[static_cast<std::size_t>(j)] / 0.5);
+    inversion::writeData2d(file("data_2d", "dt2.txt"), blocks);
+    writeBytes(file("data_2d", "t1t2.csv"),
+               "# recovery time (ms), time (ms), amplitude\n1, 0.5, -0.9\n1, 1.0, -0.8\n\n"
+               "100, 0.5, 0.1 # null\n100, 1.0, 0.08\n1000\t0.5\t0.95\n1000\t1.0\t0.85\n");
 
     writeBytes(file("raw_volume", "uint8.bin"), rawShape(0, 4, 3, 2) + voxels(24, false));
     writeBytes(file("raw_volume", "int16_big_endian.bin"), rawShape(7, 3, 2, 0) + voxels(12, true));

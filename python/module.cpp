@@ -32,6 +32,8 @@
 #include "io/grain_bed_grid_writer.h"
 #include "io/grid_loader.h"
 #include "params/parameter_file.h"
+#include "python/arrays.h"
+#include "python/invert2d.h"
 #include "python/label_volume.h"
 #include "simulation/local_run.h"
 #include "simulation/run_setup.h"
@@ -64,22 +66,6 @@ void ensureMpi() {
         MPI_Finalized(&done);
         if (!done) MPI_Finalize();
     }));
-}
-
-std::vector<double> listOf(const py::array_t<double, py::array::forcecast>& values,
-                           const char* name) {
-    if (values.ndim() != 1) throw std::invalid_argument(std::string(name) + " must be 1-D");
-    const auto view = values.unchecked<1>();
-    std::vector<double> out(static_cast<std::size_t>(view.shape(0)));
-    for (py::ssize_t i = 0; i < view.shape(0); ++i) out[static_cast<std::size_t>(i)] = view(i);
-    return out;
-}
-
-// Arrays that own a copy, so nothing returned points into a C++ object.
-py::array_t<double> arrayOf(const std::vector<double>& values) {
-    py::array_t<double> out(static_cast<py::ssize_t>(values.size()));
-    std::copy(values.begin(), values.end(), out.mutable_data());
-    return out;
 }
 
 constexpr const char* kRelaxivityKeys[] = {"surfaceRelaxationStrengthWater",
@@ -655,6 +641,7 @@ PYBIND11_MODULE(_nmrwalk, m) {
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("progress"));
     m.def("invert", &invert, py::arg("time_ms"), py::arg("amplitude"), py::arg("t2_min"),
           py::arg("t2_max"), py::arg("components"));
+    defineInvert2d(m);
     m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
           py::arg("amplitude"), py::arg("imaginary"), py::arg("fit"), py::arg("bounds"),

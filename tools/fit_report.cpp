@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
@@ -14,7 +13,7 @@
 #include "common/exception.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
-#include "tools/option_parser.h"
+#include "tools/plot_script.h"
 
 namespace nmr::tools {
 
@@ -186,15 +185,12 @@ void reportFit(std::ostream& out, std::ostream& err, const fit::RelaxivityFit& f
     writeFittedParameters(parameterPath, options.output, request, result);
     const auto [data, png] = plotPaths(options.output);
     writePlotData(data, window, result.misfit.scale, fitted, lab, simulated);
-    const std::string plot = programDirectory + "/nmrwalk-plot";
-    const std::string command = shellQuoted(plot) + " --fit " + shellQuoted(data) + " -o " +
-                                shellQuoted(png) + " >/dev/null";
-    if (std::system(command.c_str()) == 0) {
+    if (runPlotScript(programDirectory, {"--fit", data, "-o", png})) {
         out << "Wrote " << options.output << ", " << png << " and " << data << std::endl;
     } else {
         out << "Wrote " << options.output << " and " << data << std::endl;
-        err << "nmrwalk-fit: warning: " << png << " not drawn: " << plot
-            << " --fit failed (it needs python3-matplotlib)" << std::endl;
+        err << "nmrwalk-fit: warning: " << png << " not drawn: " << programDirectory
+            << "/nmrwalk-plot --fit failed (it needs python3-matplotlib)" << std::endl;
     }
 }
 

@@ -26,6 +26,7 @@
 #include "simulation/walk_warnings.h"
 #include "tools/fit_options.h"
 #include "tools/fit_report.h"
+#include "tools/plot_script.h"
 
 namespace {
 
@@ -274,15 +275,9 @@ private:
         } else {
             const fit::FitResult result = fitter.fit(request_);
             reportFit(std::cout, std::cerr, fitter, result, request_, measured_, *parameters_,
-                      options_, kParameterPath, programDirectory());
+                      options_, kParameterPath, tools::programDirectory());
         }
         std::cout << "Fit time (s): " << secondsSince(start) << std::endl;
-    }
-
-    std::string programDirectory() const {
-        std::error_code error;
-        const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-        return error ? std::string(".") : self.parent_path().string();
     }
 
     int argc_;

@@ -1,4 +1,5 @@
-// nmrwalk-invert: the simulator's T2 inversion applied to a measured decay.
+// nmrwalk-invert: the simulator's T2 inversion applied to a measured decay, and the 2-D
+// inversions of measured diffusion-T2 and T1-T2 data.
 
 #include <chrono>
 #include <cmath>
@@ -13,6 +14,7 @@
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
+#include "tools/invert_map.h"
 #include "tools/option_parser.h"
 
 namespace {
@@ -22,9 +24,12 @@ using namespace nmr::tools;
 using namespace nmr::analysis;
 
 constexpr char kUsage[] = R"(Usage: nmrwalk-invert DECAY [options]
+       nmrwalk-invert --dt2 FILE [map options]
+       nmrwalk-invert --t1t2 FILE [map options]
 
 Inverts a measured decay into a T2 distribution with exactly the simulator's
 inversion and prints the chosen regularisation and a petrophysical summary.
+With --dt2 or --t1t2 it inverts 2-D data into a D-T2 or T1-T2 map instead.
 
 DECAY holds per line either "time amplitude" or "time unused real imaginary"
 (time in ms; blanks, tabs or commas between numbers; "#" starts a comment).
@@ -41,18 +46,50 @@ Options:
   --condition-ratio R      largest kept singular value ratio (default 1000000)
   --cutoff MS              T2 cut-off between bound and free fluid (default 33)
   -h, --help               this text
+
+2-D data: lines "<b s/m^2 | recovery time ms> <time ms> <amplitude>", the first
+column repeating in blocks (every echo of the first b, then every echo of the
+second, ...), each block with the same times; separators and comments as above.
+The map goes to DT2map.out or T1T2map.out ("<D m^2/s | T1 ms> <T2 ms>
+<amplitude>", one line per cell) and its picture to DT2map.png or T1T2map.png
+beside it.
+
+Map options:
+  --dt2 FILE               diffusion-T2 data: kernel exp(-b D) exp(-t / T2)
+  --t1t2 FILE              inversion-recovery T1-T2 data: kernel
+                           (1 - 2 exp(-tau / T1)) exp(-t / T2)
+  -o, --output FILE        the map (default: DT2map.out or T1T2map.out); the PNG
+                           goes into the same folder
+  --noise SIGMA            noise standard deviation in the data's units (default:
+                           estimated from the data no map can fit)
+  --map-points N           points of each axis, 10 to 100 (default 50)
+  --d-min, --d-max M2S     ends of the D axis (default 1/(3 b_max) to 1/b_min)
+  --t1-min, --t1-max MS    ends of the T1 axis (default tau_min to 3 tau_max)
+  --t2-min, --t2-max MS    ends of the T2 axis (default t_min to 3 t_max)
+  --d0 M2S                 free-water line of the D-T2 picture (default 2.3e-9)
 )";
 
+OptionParser::Definition definition() {
+    OptionParser::Definition d{
+        {"--output", "--t2-min", "--t2-max", "--t2-components", "--condition-ratio", "--cutoff"},
+        {"--help"},
+        {{"-o", "--output"}, {"-h", "--help"}}};
+    d.valueOptions.insert(std::begin(kMapFlags), std::end(kMapFlags));
+    d.valueOptions.insert(std::begin(kMapOptions), std::end(kMapOptions));
+    return d;
+}
+
 int run(int argc, char** argv) {
-    const OptionParser options(
-        argc, argv,
-        {{"--output", "--t2-min", "--t2-max", "--t2-components", "--condition-ratio", "--cutoff"},
-         {"--help"},
-         {{"-o", "--output"}, {"-h", "--help"}}});
+    const OptionParser options(argc, argv, definition());
     if (options.has("--help")) {
         std::cout << kUsage;
         return 0;
     }
+    for (const char* flag : kMapFlags)
+        if (options.has(flag)) return runMapInversion(options);
+    for (const char* option : kMapOptions)
+        if (options.has(option))
+            throw Exception(std::string(option) + " is an option of --dt2 and --t1t2 only");
     const std::string& input = options.onlyPositional("decay file");
     // The simulator's defaults, so that lab and simulated distributions compare point by point.
     const double t2Min = options.number("--t2-min", 0.0001);

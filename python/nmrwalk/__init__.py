@@ -10,6 +10,7 @@ Functions:
     fit         surface relaxivities that match a measured decay, from one walk
     invert      the T2 distribution of any decay (as nmrwalk-invert)
     field       the internal magnetic field from mineral susceptibilities (as nmrwalk-field)
+    invert2d    a D-T2 or T1-T2 map of 2-D data (as nmrwalk-invert --dt2 / --t1t2)
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
     parameter_keys  the keys params may hold
@@ -26,8 +27,8 @@ import warnings
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "fit", "FitResult", "invert", "field", "read_grid", "write_grid", "parameter_keys", "Result",
-           "Error", "MINERALS"]
+__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "read_grid",
+           "write_grid", "parameter_keys", "Result", "Error", "MINERALS"]
 
 Error = _nmrwalk.Error
 
@@ -355,8 +356,59 @@ def field(labels, cell_size_um, susceptibility, b0_direction="z", minerals=None,
     values have the bits of nmrwalk-field's .raw file for the same rock at any process
     count. Multiply by B0 for dB in tesla. Runs with the GIL released.
     """
-    return _nmrwalk.field(_native(labels), float(cell_size_um), minerals, dict(susceptibility),
+    labels, minerals = _native(labels, minerals)
+    return _nmrwalk.field(labels, float(cell_size_um), minerals, dict(susceptibility),
                           str(b0_direction), None if padding is None else float(padding))
+
+
+class Map:
+    """A D-T2 or T1-T2 map of invert2d.
+
+    Attributes:
+        map:            the amplitudes, a numpy array of len(axis1) x len(t2_ms), in the
+                        data's units; map[p, q] is the amplitude at (axis1[p], t2_ms[q])
+        axis1:          D in m^2/s (kind "dt2") or T1 in ms (kind "t1t2"), ascending
+        t2_ms:          T2 in ms, ascending
+        alpha:          the regularisation parameter
+        noise:          the noise standard deviation alpha was chosen for
+        noise_source:   "given", "estimated" (the rms of the data no map can fit) or
+                        "floor" (1e-4 of the largest |amplitude|, above the estimate)
+        estimated_noise: that estimate, whatever the source
+        residual_rms:   rms of data minus fit over all data
+        projection1:    the map summed over T2, one value per axis1 point
+        projection_t2:  the map summed over axis 1, one value per T2
+        log_mean1, log_mean_t2: exp of the projection-weighted mean of ln(axis)
+    """
+
+    def __init__(self, fields):
+        self.__dict__.update(fields)
+
+    def __repr__(self):
+        return "Map(%d x %d, alpha %.4g, noise %.4g)" % (
+            len(self.axis1), len(self.t2_ms), self.alpha, self.noise)
+
+
+def invert2d(data, kind="dt2", first=None, time_ms=None, noise=None, points=50,
+             axis1_range=None, t2_range=None):
+    """A D-T2 or T1-T2 map of 2-D data, by the inversion of nmrwalk-invert --dt2 / --t1t2.
+
+    data:     either an N1 x N2 array of amplitudes, with first (N1 b values in s/m^2, or
+              recovery times in ms) and time_ms (N2 echo times) given; or, with neither
+              given, the N x 3 rows of a data file: <b or recovery time> <time ms>
+              <amplitude>, the first column repeating in blocks.
+    kind:     "dt2" (kernel exp(-b D) exp(-t / T2)) or "t1t2" (inversion recovery,
+              (1 - 2 exp(-tau / T1)) exp(-t / T2)).
+    noise:    the noise standard deviation in the data's units; estimated when None.
+    points:   values of each axis, 10 to 100.
+    axis1_range, t2_range: (lo, hi) ends of an axis, either of them None for the default
+              (the range the data resolve: from the first positive time to three times
+              the last, or 1/(3 b_max) to 1/b_min for D).
+
+    Returns a Map. The same data and settings give the same numbers as the program.
+    """
+    return Map(_nmrwalk.invert2d(data, first, time_ms, str(kind), int(points),
+                                 None if noise is None else float(noise), axis1_range,
+                                 t2_range))
 
 
 def read_grid(path):

@@ -173,6 +173,33 @@ def test_invert_equals_the_inversion_tool(tmp_path):
     assert lambda_ > 0.0
 
 
+@pytest.mark.parametrize("kind", ["dt2", "t1t2"])
+def test_invert2d_equals_the_program(tmp_path, kind):
+    first = np.geomspace(1e7, 3e10, 12) if kind == "dt2" else np.geomspace(1.0, 1e4, 12)
+    times = np.arange(1, 301) * 2.0
+    k1 = (np.exp(-np.outer(first, [1.5e-10, 2.3e-9])) if kind == "dt2"
+          else 1.0 - 2.0 * np.exp(-np.outer(first, 1.0 / np.array([100.0, 1000.0]))))
+    amplitude = 0.5 * k1 @ np.exp(-np.outer([1.0 / 20.0, 1.0 / 200.0], times))
+    amplitude += np.random.default_rng(1).normal(0.0, 0.01, amplitude.shape)
+    rows = np.column_stack([np.repeat(first, len(times)), np.tile(times, len(first)),
+                            amplitude.ravel()])
+    np.savetxt(tmp_path / "data.txt", rows, fmt="%.17g")
+    done = subprocess.run([os.path.join(BUILD, "nmrwalk-invert"), "--" + kind, "data.txt",
+                           "--map-points", "30"], cwd=tmp_path, check=True, capture_output=True,
+                          text=True)
+    result = nmrwalk.invert2d(rows, kind=kind, points=30)
+    cells = ["%.9g %.9g %.9g" % (a, t, v) for a, row in zip(result.axis1, result.map)
+             for t, v in zip(result.t2_ms, row)]
+    name = "DT2map.out" if kind == "dt2" else "T1T2map.out"
+    assert cells == (tmp_path / name).read_text().splitlines()
+    assert "Alpha: %g\n" % result.alpha in done.stdout
+    assert result.noise_source == "estimated" and abs(result.noise - 0.01) < 0.001
+    assert np.array_equal(nmrwalk.invert2d(amplitude, kind, first=first, time_ms=times,
+                                           points=30).map, result.map)
+    expect(nmrwalk.Error, "in data row 600 comes back after its block ended",
+           lambda: nmrwalk.invert2d(np.concatenate([rows[:600], rows[:300]]), kind=kind))
+
+
 def expect(error, text, call):
     with pytest.raises(error) as raised:
         call()
