@@ -4,15 +4,14 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include <exception>
 #include <filesystem>
 #include <iostream>
 #include <vector>
 
-#include "app/checkpoint.h"
 #include "app/command_line.h"
-#include "app/job_control.h"
 #include "common/exception.h"
 #include "common/progress_bar.h"
 #include "mpi/message_passing.h"
@@ -20,12 +19,15 @@
 #include "params/nmr_parameters.h"
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
+#include "simulation/absorption_walk.h"
+#include "simulation/checkpoint.h"
+#include "simulation/job_control.h"
 #include "simulation/rock_summary.h"
+#include "simulation/run_core.h"
 #include "simulation/run_results.h"
 #include "simulation/run_setup.h"
 #include "simulation/step_rate.h"
 #include "simulation/walk_warnings.h"
-#include "simulation/walker_loop.h"
 #include "t2/decay_output.h"
 #include "t2/t2_grid.h"
 #include "t2/t2_inversion.h"
@@ -71,7 +73,7 @@ public:
         if (!distributeGrid()) return finish(kEarlyEnd);
         sendProgressSignal("Initializing", "Reading of grid complete..", 1.0, kInitialisationPhase,
                            kPhaseCount);
-        if (pollJobStatus(JobStatus::Running, rank_) != JobStatus::Running)
+        if (pollJobStatus(JobStatus::Running, rank_, std::cout) != JobStatus::Running)
             return finish(kEarlyEnd);
 
         summary_ = computeRockSummary(*parameters_, grid_.grid());
@@ -79,17 +81,17 @@ public:
         plan_ = buildWalkPlan(summary_, *parameters_);
         if (rank_ == kRoot) warnBeforeWalking();
 
-        status_ = pollJobStatus(JobStatus::Running, rank_);
+        status_ = pollJobStatus(JobStatus::Running, rank_, std::cout);
         if (status_ != JobStatus::Running) return finish(kEarlyEnd);
-        const std::uint32_t firstWalker = takeUpCheckpoint();
+
         // A stop or abort seen during the walk discards the partial counts: no curve, no
         // output file and no timing report from this run. The last checkpoint stays, so
         // the job can be taken up again later.
-        if (!walkAllWalkers(firstWalker)) return finish(kEarlyEnd);
+        if (!walkAllWalkers()) return finish(kEarlyEnd);
         if (!collectAndWriteResults()) return finish(kEarlyEnd);
-        pollJobStatus(JobStatus::Stopped, rank_);
+        pollJobStatus(JobStatus::Stopped, rank_, std::cout);
         if (rank_ == kRoot) printTiming();
-        removeCheckpoint(rank_);
+        core_->removeCheckpoints();
         return finish(kComplete);
     }
 
@@ -138,7 +140,7 @@ private:
 
     // Process 0 writes "STARTED"; a leftover "ABORT" ends the job here.
     bool pollStart() {
-        status_ = pollJobStatus(JobStatus::Start, rank_);
+        status_ = pollJobStatus(JobStatus::Start, rank_, std::cout);
         return status_ == JobStatus::Running;
     }
 
@@ -155,121 +157,46 @@ private:
         return static_cast<bool>(grid_);
     }
 
-    // A checkpoint of this very run (same parameters, grid, seed, processes, grid mode)
-    // on every process, all taken at the same poll, puts each process back where it
-    // stood: the rest of the walk is then exactly that of an uninterrupted run. Anything
-    // else is ignored with a warning and the walk starts afresh. Collective.
-    std::uint32_t takeUpCheckpoint() {
-        const bool found =
-            mpi::allReduce(std::filesystem::exists(checkpointPath(rank_)) ||
-                               std::filesystem::exists(previousCheckpointPath(rank_)),
-                           MPI_LOR);
-        bool checkpoints = rank_ == kRoot && parameters_->checkpointInterval() > 0.0;
-        mpi::broadcast(checkpoints, kRoot);
-        checkpointsOn_ = checkpoints;
-        lastCheckpoint_ = MPI_Wtime();
-        if (!found && !checkpoints) return 0;
-        std::string fingerprint;
-        if (rank_ == kRoot) {
+    // What the run core needs around the walk: the job-file polls, the progress of process
+    // 0, and checkpoints of this very run (same parameters, grid, seed, processes, grid
+    // mode): a run taken up from one walks the rest exactly as an uninterrupted run does.
+    RunControl runControl() {
+        RunControl control;
+        control.program = "nmrwalk";
+        control.interval = parameters_->checkpointInterval();
+        control.totalWalkers = parameters_->numberOfWalkers();
+        control.console = &std::cout;
+        control.warnings = &std::cerr;
+        // Reading the grid file for its checksum takes time: only when checkpoints are
+        // taken or found.
+        control.fingerprint = [this] {
             try {
-                fingerprint =
-                    runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
-                                   parameters_->randomSeed(), size_, grid_.compressed() != nullptr);
+                return runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
+                                      parameters_->randomSeed(), size_,
+                                      grid_.compressed() != nullptr);
             } catch (const Exception&) {
-                fingerprint.clear();  // the grid file is gone: nothing to resume or save
+                return std::string();  // the grid file is gone: nothing to resume or save
             }
-        }
-        mpi::broadcast(fingerprint, kRoot);
-        fingerprint_ = fingerprint;
-        if (fingerprint_.empty()) checkpointsOn_ = false;
-        if (!found || fingerprint_.empty()) return 0;
-
-        // This process's checkpoints of this run: the latest and the one before it.
-        std::string problem;
-        std::vector<WalkCheckpoint> mine;
-        for (const auto& path : {checkpointPath(rank_), previousCheckpointPath(rank_)}) {
-            auto saved = readCheckpoint(path, problem);
-            if (!saved) continue;
-            if (saved->fingerprint != fingerprint_) {
-                problem = "it belongs to another run (" + saved->fingerprint + ")";
-            } else if (saved->rank == rank_ && saved->size == size_ &&
-                       saved->localWalkers == walkers_.size() &&
-                       saved->counts.size() == histogram_.counts().size()) {
-                mine.push_back(std::move(*saved));
-            }
-        }
-        // Every process saves at the same polls, so the latest checkpoint that all hold is
-        // the smallest of their latest ones; each must hold that one too.
-        std::uint32_t latest = 0;
-        for (const auto& c : mine) latest = std::max(latest, c.nextWalker);
-        const std::uint32_t common = mpi::allReduce(mine.empty() ? 0u : latest, MPI_MIN);
-        const WalkCheckpoint* saved = nullptr;
-        for (const auto& c : mine) {
-            if (c.nextWalker == common) saved = &c;
-        }
-        if (!mpi::allTrue(saved != nullptr)) {
-            if (rank_ == kRoot) {
-                std::cerr << "Warning: ignoring the checkpoint files, the walk starts afresh: "
-                          << (problem.empty() ? "they do not all belong to this run" : problem)
-                          << std::endl;
-            }
-            return 0;
-        }
-        *stream_ = saved->stream;
-        histogram_.restore(saved->counts, saved->localMaximum);
-        const long long done = mpi::allReduce(static_cast<long long>(common), MPI_SUM);
-        if (rank_ == kRoot) {
-            std::cout << "Resuming from checkpoint: " << done << " of "
-                      << parameters_->numberOfWalkers() << " walkers" << std::endl;
-        }
-        return common;
+        };
+        control.poll = [this](std::uint32_t) {
+            status_ = pollJobStatus(status_, rank_, std::cout);
+            return status_ == JobStatus::Running;
+        };
+        return control;
     }
 
-    // After a poll: when the interval has passed, every process saves where it stands.
-    // The decision is process 0's, so all processes save at the same poll. A checkpoint
-    // that cannot be written costs a warning, never the run.
-    void checkpointIfDue(std::uint32_t walkersDone) {
-        bool due =
-            rank_ == kRoot && MPI_Wtime() - lastCheckpoint_ >= parameters_->checkpointInterval();
-        mpi::broadcast(due, kRoot);
-        if (!due) return;
-        bool written = true;
-        try {
-            WalkCheckpoint checkpoint;
-            checkpoint.fingerprint = fingerprint_;
-            checkpoint.rank = rank_;
-            checkpoint.size = size_;
-            checkpoint.localWalkers = static_cast<std::uint32_t>(walkers_.size());
-            checkpoint.nextWalker = walkersDone;
-            checkpoint.stream = *stream_;
-            checkpoint.counts = histogram_.counts();
-            checkpoint.localMaximum = histogram_.localMaximum();
-            writeCheckpoint(checkpoint);
-        } catch (const Exception&) {
-            written = false;
-        }
-        if (!mpi::allTrue(written) && rank_ == kRoot) {
-            std::cerr << "Warning: a checkpoint could not be written; the walk goes on"
-                      << std::endl;
-        }
-        lastCheckpoint_ = MPI_Wtime();
-    }
-
-    // Process 0 shows the walk on the console bar and in the job files; every 1000
-    // walkers all processes poll the job files together, and take a checkpoint when due.
-    bool walkAllWalkers(std::uint32_t firstWalker) {
+    // Process 0 shows the walk on the console bar and in the job files; every 1000 walkers
+    // all processes poll the job files together, and take a checkpoint when due. A stop or
+    // abort leaves the last checkpoint, so the job can be taken up again later.
+    bool walkAllWalkers() {
         const auto local = static_cast<std::uint32_t>(walkers_.size());
+        RunControl control = runControl();
         std::unique_ptr<ProgressBar> bar;
-        if (rank_ == kRoot) {
-            bar = std::make_unique<ProgressBar>(local, std::cout);
-            for (std::uint32_t i = 0; i < firstWalker; ++i) bar->advance();
-        }
         // Computed once; fewer than 50 walkers give 0, and a signal every 0 walkers would
         // be a division by zero, so the signal is then skipped instead.
         const auto signalInterval =
             static_cast<std::uint32_t>(static_cast<double>(local) / kProgressSignals);
-        WalkerLoopHooks hooks;
-        hooks.afterWalker = [&](std::uint32_t i) {
+        control.afterWalker = [&](std::uint32_t i) {
             if (rank_ != 0) return;
             bar->advance();
             if (signalInterval != 0 && i % signalInterval == 0) {
@@ -277,14 +204,15 @@ private:
                                    static_cast<double>(i) / static_cast<double>(local), 1, 2);
             }
         };
-        hooks.poll = [&](std::uint32_t walkersDone) {
-            status_ = pollJobStatus(status_, rank_);
-            if (status_ != JobStatus::Running) return false;
-            if (checkpointsOn_) checkpointIfDue(walkersDone);
-            return true;
-        };
-        const WalkerLoopOutcome outcome = grid_.visit([&](const auto& grid) {
-            return walkWalkers(grid, walkers_, *stream_, plan_, histogram_, firstWalker, hooks);
+        core_.emplace(std::move(control));
+        const WalkOutcome outcome = grid_.visit([&](const auto& grid) {
+            AbsorptionWalk walk(grid, walkers_, *stream_, plan_);
+            const std::uint32_t first = core_->resume(walk, histogram_, local);
+            if (rank_ == kRoot) {
+                bar = std::make_unique<ProgressBar>(local, std::cout);
+                for (std::uint32_t i = 0; i < first; ++i) bar->advance();
+            }
+            return core_->walk(walk, histogram_, local, first);
         });
         simulationStart_ = outcome.startTime;
         return outcome.completed;
@@ -360,9 +288,7 @@ private:
     AbsorptionHistogram histogram_{kIntervalCount};
     double simulationStart_ = 0.0;
     double simulationSeconds_ = 0.0;
-    bool checkpointsOn_ = false;
-    std::string fingerprint_;      // of this run, for its checkpoints
-    double lastCheckpoint_ = 0.0;  // MPI_Wtime() seconds
+    std::optional<RunCore> core_;  // the walker loop, its polls and checkpoints
 };
 
 }  // namespace

@@ -14,24 +14,24 @@ int size() {
     return s;
 }
 
-bool allTrue(bool value) {
+bool allTrue(bool value, MPI_Comm comm) {
     unsigned char mine = value ? 1 : 0;
     unsigned char all = 0;
-    MPI_Allreduce(&mine, &all, 1, MPI_UNSIGNED_CHAR, MPI_LAND, world());
+    MPI_Allreduce(&mine, &all, 1, MPI_UNSIGNED_CHAR, MPI_LAND, comm);
     return all != 0;
 }
 
-void broadcast(bool& value, int root) {
+void broadcast(bool& value, int root, MPI_Comm comm) {
     unsigned char byte = value ? 1 : 0;
-    MPI_Bcast(&byte, 1, MPI_UNSIGNED_CHAR, root, world());
+    MPI_Bcast(&byte, 1, MPI_UNSIGNED_CHAR, root, comm);
     value = byte != 0;
 }
 
-void broadcast(std::string& text, int root) {
+void broadcast(std::string& text, int root, MPI_Comm comm) {
     std::uint32_t length = static_cast<std::uint32_t>(text.size());
-    MPI_Bcast(&length, 1, MPI_UINT32_T, root, world());
+    MPI_Bcast(&length, 1, MPI_UINT32_T, root, comm);
     text.resize(length);
-    MPI_Bcast(length ? text.data() : nullptr, static_cast<int>(length), MPI_CHAR, root, world());
+    MPI_Bcast(length ? text.data() : nullptr, static_cast<int>(length), MPI_CHAR, root, comm);
 }
 
 bool allReduce(bool value, MPI_Op op, MPI_Comm comm) {

@@ -59,16 +59,16 @@ int rank();
 int size();
 
 // True on every process exactly when every process passed true.
-bool allTrue(bool value);
+bool allTrue(bool value, MPI_Comm comm = MPI_COMM_WORLD);
 
 // --- broadcast -------------------------------------------------------------------
 template <typename T>
-void broadcast(T& value, int root) {
+void broadcast(T& value, int root, MPI_Comm comm = MPI_COMM_WORLD) {
     static_assert(!std::is_same_v<T, bool>);
-    MPI_Bcast(&value, 1, datatype<T>(), root, world());
+    MPI_Bcast(&value, 1, datatype<T>(), root, comm);
 }
 // A bool travels as one unsigned byte.
-void broadcast(bool& value, int root);
+void broadcast(bool& value, int root, MPI_Comm comm = MPI_COMM_WORLD);
 
 template <typename T>
 void broadcast(T* data, int count, int root, MPI_Comm comm = world()) {
@@ -78,15 +78,15 @@ void broadcast(T* data, int count, int root, MPI_Comm comm = world()) {
 // The root's length goes first, so receivers need not know it: each receiver's vector
 // is resized (truncated or zero-extended) before the elements arrive.
 template <typename T>
-void broadcast(std::vector<T>& values, int root) {
+void broadcast(std::vector<T>& values, int root, MPI_Comm comm = MPI_COMM_WORLD) {
     std::uint32_t length = static_cast<std::uint32_t>(values.size());
-    MPI_Bcast(&length, 1, MPI_UINT32_T, root, world());
+    MPI_Bcast(&length, 1, MPI_UINT32_T, root, comm);
     values.resize(length);
     MPI_Bcast(length ? values.data() : nullptr, static_cast<int>(length), datatype<T>(), root,
-              world());
+              comm);
 }
 
-void broadcast(std::string& text, int root);
+void broadcast(std::string& text, int root, MPI_Comm comm = MPI_COMM_WORLD);
 
 // --- reductions ------------------------------------------------------------------
 template <typename T>

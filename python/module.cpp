@@ -444,7 +444,8 @@ py::dict fitRelaxivity(py::array labels, double cellSize, const py::object& mine
         hooks.poll = std::ref(polls);
         std::optional<fit::ContactHistories> histories = walk.grid.visit([&](const auto& g) {
             return fit::recordWalkers(g, walk.walkers, *walk.stream, roulette, run, walk.plan,
-                                      fit::chunkWalkersFor(parameters->numberOfWalkers()), hooks);
+                                      fit::chunkWalkersFor(parameters->numberOfWalkers()), hooks,
+                                      MPI_COMM_SELF);
         });
         walk.grid = {};
         if (histories) {

@@ -6,7 +6,8 @@
 
 #include "common/exception.h"
 #include "parallel/grid_distribution.h"
-#include "simulation/walker_loop.h"
+#include "simulation/absorption_walk.h"
+#include "simulation/run_core.h"
 #include "walk/absorption_histogram.h"
 #include "walk/random_stream.h"
 
@@ -44,10 +45,13 @@ std::optional<LocalRun> runLocally(NuclearMagneticResonanceParameters& parameter
     const WalkPlan& plan = walk.plan;
     AbsorptionHistogram histogram(kIntervalCount);
     const auto total = static_cast<std::uint32_t>(walk.walkers.size());
-    WalkerLoopHooks hooks;
-    if (poll) hooks.poll = [&](std::uint32_t done) { return poll(done, total); };
-    const WalkerLoopOutcome outcome = walk.grid.visit([&](const auto& g) {
-        return walkWalkers(g, walk.walkers, *walk.stream, plan, histogram, 0, hooks, MPI_COMM_SELF);
+    RunControl control;
+    control.comm = MPI_COMM_SELF;
+    if (poll) control.poll = [&](std::uint32_t done) { return poll(done, total); };
+    RunCore core(std::move(control));
+    const WalkOutcome outcome = walk.grid.visit([&](const auto& g) {
+        AbsorptionWalk experiment(g, walk.walkers, *walk.stream, plan);
+        return core.walk(experiment, histogram, total);
     });
     if (!outcome.completed) return std::nullopt;
     run.walkSeconds = MPI_Wtime() - outcome.startTime;

@@ -2,10 +2,10 @@
 
 #include <sstream>
 
-#include "app/job_control.h"
+#include "simulation/job_control.h"
 #include "testutil/temp_dir.h"
 
-namespace nmr::app {
+namespace nmr {
 namespace {
 
 using nmr::test::TempDir;
@@ -71,4 +71,4 @@ TEST(StoppedFileGuard, OnlyProcessZeroLeavesAnEmptyStoppedFile) {
 }
 
 }  // namespace
-}  // namespace nmr::app
+}  // namespace nmr

@@ -1,4 +1,4 @@
-#include "app/job_control.h"
+#include "simulation/job_control.h"
 
 #include <fstream>
 #include <iostream>
@@ -7,7 +7,7 @@
 #include "common/exception.h"
 #include "mpi/message_passing.h"
 
-namespace nmr::app {
+namespace nmr {
 
 namespace {
 
@@ -77,10 +77,10 @@ JobStatus evaluateJobStatus(JobStatus request, std::ostream& out, const fs::path
     return checkForAbort(out, directory);
 }
 
-JobStatus pollJobStatus(JobStatus request, int rank, const fs::path& directory) {
+JobStatus pollJobStatus(JobStatus request, int rank, std::ostream& out, const fs::path& directory) {
     std::int32_t status = 0;
     if (rank == kRoot)
-        status = static_cast<std::int32_t>(evaluateJobStatus(request, std::cout, directory));
+        status = static_cast<std::int32_t>(evaluateJobStatus(request, out, directory));
     mpi::broadcast(status, kRoot);
     return static_cast<JobStatus>(status);
 }
@@ -99,4 +99,4 @@ void StoppedFileGuard::writeNow() const noexcept {
     }
 }
 
-}  // namespace nmr::app
+}  // namespace nmr

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string>
 
-namespace nmr::app {
+namespace nmr {
 
 // A supervising application follows a job through small files in the working directory
 // and stops it by creating "ABORT". The values are shared with that application and are
@@ -31,10 +31,11 @@ bool sendProgressSignal(const std::string& title, const std::string& message, do
 JobStatus evaluateJobStatus(JobStatus request, std::ostream& out,
                             const std::filesystem::path& directory = ".");
 
-// Collective: process 0 evaluates the request on standard output and every process
-// returns its verdict, so all of them stop at the same poll. The requests of the other
-// processes are ignored.
-JobStatus pollJobStatus(JobStatus request, int rank, const std::filesystem::path& directory = ".");
+// Collective: process 0 evaluates the request, printing on out (a run's standard output),
+// and every process returns its verdict, so all of them stop at the same poll. The
+// requests of the other processes are ignored.
+JobStatus pollJobStatus(JobStatus request, int rank, std::ostream& out,
+                        const std::filesystem::path& directory = ".");
 
 // Writes an empty "STOPPED" on process 0 when it goes out of scope, so a supervisor sees
 // the job end however main is left. Never throws.
@@ -55,4 +56,4 @@ private:
     std::filesystem::path directory_;
 };
 
-}  // namespace nmr::app
+}  // namespace nmr

@@ -1,4 +1,4 @@
-#include "app/checkpoint.h"
+#include "simulation/checkpoint.h"
 
 #include <zlib.h>
 
@@ -10,11 +10,11 @@
 #include "common/exception.h"
 #include "io/file_checksum.h"
 
-namespace nmr::app {
+namespace nmr {
 
 namespace {
 
-constexpr char kMagic[] = "nmrwalk checkpoint 1\n";
+constexpr char kMagic[] = "nmrwalk checkpoint 2\n";
 
 std::uint32_t crcOf(const std::string& bytes) {
     return static_cast<std::uint32_t>(crc32(crc32(0L, Z_NULL, 0),
@@ -38,15 +38,18 @@ bool get(const std::string& in, std::size_t& at, T& value) {
 
 }  // namespace
 
-std::filesystem::path checkpointPath(int rank, const std::filesystem::path& directory) {
-    return directory / ("nmrwalk.checkpoint." + std::to_string(rank));
+std::filesystem::path checkpointPath(const std::string& program, int rank,
+                                     const std::filesystem::path& directory) {
+    return directory / (program + ".checkpoint." + std::to_string(rank));
 }
 
-std::filesystem::path previousCheckpointPath(int rank, const std::filesystem::path& directory) {
-    return directory / ("nmrwalk.checkpoint." + std::to_string(rank) + ".previous");
+std::filesystem::path previousCheckpointPath(const std::string& program, int rank,
+                                             const std::filesystem::path& directory) {
+    return directory / (program + ".checkpoint." + std::to_string(rank) + ".previous");
 }
 
-void writeCheckpoint(const WalkCheckpoint& c, const std::filesystem::path& directory) {
+void writeCheckpoint(const std::string& program, const Checkpoint& c,
+                     const std::filesystem::path& directory) {
     std::string body;
     put(body, static_cast<std::uint64_t>(c.fingerprint.size()));
     body += c.fingerprint;
@@ -54,15 +57,11 @@ void writeCheckpoint(const WalkCheckpoint& c, const std::filesystem::path& direc
     put(body, c.size);
     put(body, c.localWalkers);
     put(body, c.nextWalker);
-    // The generator's state as the bytes it is: a checkpoint is read back by the same
-    // program on the same kind of machine.
-    put(body, c.stream.state());
-    put(body, static_cast<std::uint64_t>(c.counts.size()));
-    for (std::uint32_t n : c.counts) put(body, n);
-    put(body, c.localMaximum);
+    put(body, static_cast<std::uint64_t>(c.state.size()));
+    body += c.state;
     put(body, crcOf(body));
 
-    const std::filesystem::path target = checkpointPath(c.rank, directory);
+    const std::filesystem::path target = checkpointPath(program, c.rank, directory);
     std::filesystem::path temporary = target;
     temporary += ".writing";
     {
@@ -78,7 +77,7 @@ void writeCheckpoint(const WalkCheckpoint& c, const std::filesystem::path& direc
     }
     std::error_code error;
     if (std::filesystem::exists(target)) {
-        std::filesystem::rename(target, previousCheckpointPath(c.rank, directory), error);
+        std::filesystem::rename(target, previousCheckpointPath(program, c.rank, directory), error);
     }
     if (!error) std::filesystem::rename(temporary, target, error);
     if (error) {
@@ -87,8 +86,7 @@ void writeCheckpoint(const WalkCheckpoint& c, const std::filesystem::path& direc
     }
 }
 
-std::optional<WalkCheckpoint> readCheckpoint(const std::filesystem::path& path,
-                                             std::string& problem) {
+std::optional<Checkpoint> readCheckpoint(const std::filesystem::path& path, std::string& problem) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return std::nullopt;
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -104,36 +102,30 @@ std::optional<WalkCheckpoint> readCheckpoint(const std::filesystem::path& path,
         problem = "damaged checkpoint: " + path.string();
         return std::nullopt;
     }
-    WalkCheckpoint c;
+    Checkpoint c;
     std::size_t at = 0;
-    std::uint64_t length = 0, counts = 0;
-    dsfmt_t state;
+    std::uint64_t length = 0, stateLength = 0;
     bool ok = get(body, at, length) && length <= body.size() - at;
     if (ok) {
         c.fingerprint = body.substr(at, length);
         at += length;
     }
     ok = ok && get(body, at, c.rank) && get(body, at, c.size) && get(body, at, c.localWalkers) &&
-         get(body, at, c.nextWalker) && get(body, at, state) && get(body, at, counts) &&
-         counts <= (body.size() - at) / sizeof(std::uint32_t);
-    if (ok) {
-        c.counts.resize(counts);
-        for (std::uint32_t& n : c.counts) ok = ok && get(body, at, n);
-    }
-    ok = ok && get(body, at, c.localMaximum) && at == body.size() && state.idx >= 0 &&
-         state.idx <= DSFMT_N64 && c.nextWalker <= c.localWalkers;
+         get(body, at, c.nextWalker) && get(body, at, stateLength) &&
+         stateLength == body.size() - at && c.nextWalker <= c.localWalkers;
     if (!ok) {
         problem = "damaged checkpoint: " + path.string();
         return std::nullopt;
     }
-    c.stream.state() = state;
+    c.state = body.substr(at);
     return c;
 }
 
-void removeCheckpoint(int rank, const std::filesystem::path& directory) {
+void removeCheckpoint(const std::string& program, int rank,
+                      const std::filesystem::path& directory) {
     std::error_code ignored;
-    std::filesystem::remove(checkpointPath(rank, directory), ignored);
-    std::filesystem::remove(previousCheckpointPath(rank, directory), ignored);
+    std::filesystem::remove(checkpointPath(program, rank, directory), ignored);
+    std::filesystem::remove(previousCheckpointPath(program, rank, directory), ignored);
 }
 
 std::string runFingerprint(const std::string& encodedParameters, const std::string& gridPath,
@@ -145,4 +137,4 @@ std::string runFingerprint(const std::string& encodedParameters, const std::stri
            (compressedGrid ? "compressed" : "plain");
 }
 
-}  // namespace nmr::app
+}  // namespace nmr

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "app/job_control.h"
 #include "mpi/message_passing.h"
+#include "simulation/job_control.h"
 #include "testutil/temp_dir.h"
 
-namespace nmr::app {
+namespace nmr {
 namespace {
 
 // The other processes ask for Stopped, which must be ignored in favour of process 0's
@@ -15,10 +15,12 @@ TEST(JobPoll, EveryProcessGetsProcessZerosVerdict) {
     const test::SharedTempDir dir;
     if (rank == 0) ::testing::internal::CaptureStdout();
     const auto request = [rank](JobStatus zero) { return rank == 0 ? zero : JobStatus::Stopped; };
-    EXPECT_EQ(pollJobStatus(request(JobStatus::Start), rank, dir.path()), JobStatus::Running);
+    EXPECT_EQ(pollJobStatus(request(JobStatus::Start), rank, std::cout, dir.path()),
+              JobStatus::Running);
     if (rank == 0) test::writeFile(dir.path() / "ABORT", "");
-    EXPECT_EQ(pollJobStatus(request(JobStatus::Running), rank, dir.path()), JobStatus::Aborted);
-    EXPECT_EQ(pollJobStatus(JobStatus::Stopped, rank, dir.path()), JobStatus::Stopped);
+    EXPECT_EQ(pollJobStatus(request(JobStatus::Running), rank, std::cout, dir.path()),
+              JobStatus::Aborted);
+    EXPECT_EQ(pollJobStatus(JobStatus::Stopped, rank, std::cout, dir.path()), JobStatus::Stopped);
     if (rank == 0) {
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), "Job aborted!\nJob stopped\n");
         EXPECT_TRUE(std::filesystem::exists(dir.path() / "STARTED") &&
@@ -27,4 +29,4 @@ TEST(JobPoll, EveryProcessGetsProcessZerosVerdict) {
 }
 
 }  // namespace
-}  // namespace nmr::app
+}  // namespace nmr
