@@ -29,7 +29,7 @@ void writeLayers(const std::filesystem::path& path, const std::vector<Layer>& la
     constexpr std::uint32_t n = 4;
     GrainBedGridWriter writer(path.string(), n, n, static_cast<std::uint32_t>(layers.size()), 0, 0,
                               0, 10.0);
-    std::vector<GrainBedGridCell> slice(n * n);
+    std::vector<GrainBedGridCell> slice(std::size_t{n} * n);
     for (const Layer& layer : layers) {
         for (std::uint32_t y = 0; y < n; ++y)
             for (std::uint32_t x = 0; x < n; ++x)
