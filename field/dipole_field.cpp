@@ -232,4 +232,18 @@ FieldSlab computeFieldSlab(const Grid<Mineral::Type>& grid, const Susceptibiliti
     return result;
 }
 
+Susceptibilities susceptibilityTable(const MineralValueMap<double>& given,
+                                     const Grid<Mineral::Type>& grid) {
+    Susceptibilities table{};
+    table.fill(given.valueOr(Mineral::Pore));
+    for (const auto& [code, chi] : given.entries()) table[code] = chi;
+    for (const Mineral::Type code : Mineral::allTypes()) {
+        if (grid.counter(code) > 0 && !given.contains(code))
+            throw Exception("volumeSusceptibility has no value for " + Mineral::name(code) +
+                            ", which the grid holds (" + std::to_string(grid.counter(code)) +
+                            " cells)");
+    }
+    return table;
+}
+
 }  // namespace nmr::field

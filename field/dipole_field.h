@@ -9,6 +9,7 @@
 
 #include "grid/grid.h"
 #include "grid/mineral.h"
+#include "grid/mineral_value_map.h"
 
 // The internal magnetic field of a rock in the static field B0 of an NMR magnet, to first
 // order in the susceptibility. Conventions:
@@ -35,6 +36,12 @@ std::string axisName(Axis axis);
 
 // SI volume susceptibility per mineral code; code 0 (Pore) is that of the pore fluid.
 using Susceptibilities = std::array<double, 16>;
+
+// The table of a grid from susceptibilities by mineral (Pore: the pore fluid, which also
+// fills the codes nothing names). Throws nmr::Exception naming a mineral the grid holds
+// without a value.
+Susceptibilities susceptibilityTable(const MineralValueMap<double>& given,
+                                     const Grid<Mineral::Type>& grid);
 
 // The FFT box per axis: 2 keeps the largest error of a sphere's field at 1.5 radii within
 // 2.5 % of the local dipole amplitude; 1 (no padding) makes it 60 % and more.

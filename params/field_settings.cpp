@@ -62,13 +62,21 @@ MineralValueMap<double> readSusceptibilities(const YAML::Node& node, const std::
 
 }  // namespace
 
-FieldSettings parseFieldSettings(const std::string& text, const std::string& origin) {
+namespace {
+
+YAML::Node settingsOf(const std::string& text, const std::string& origin) {
     const YAML::Node document = YAML::Load(text);
     const YAML::Node settings = document.IsMap() ? document[parameterRootKey()] : YAML::Node();
     if (!settings || !settings.IsMap()) throw Exception(origin + " does not contain a yaml map.");
+    return settings;
+}
+
+FieldSettings parse(const YAML::Node& settings, const std::string& origin, bool susceptibilities) {
     FieldSettings result;
-    result.volumeSusceptibility =
-        readSusceptibilities(required(settings, "volumeSusceptibility"), origin);
+    if (susceptibilities) {
+        result.volumeSusceptibility =
+            readSusceptibilities(required(settings, "volumeSusceptibility"), origin);
+    }
     result.staticField = finiteNumber(required(settings, "staticField"), "staticField", origin);
     if (!(result.staticField > 0.0))
         throw Exception("staticField must be a positive number of tesla: " +
@@ -80,6 +88,28 @@ FieldSettings parseFieldSettings(const std::string& text, const std::string& ori
         result.staticFieldDirection = axis[0];
     }
     return result;
+}
+
+}  // namespace
+
+FieldSettings parseFieldSettings(const std::string& text, const std::string& origin) {
+    return parse(settingsOf(text, origin), origin, true);
+}
+
+std::optional<FieldSettings> parseOptionalFieldSettings(const std::string& text,
+                                                        const std::string& origin) {
+    const YAML::Node settings = settingsOf(text, origin);
+    const bool susceptibilities = static_cast<bool>(settings["volumeSusceptibility"]);
+    if (!susceptibilities && !settings["staticField"]) return std::nullopt;
+    return parse(settings, origin, susceptibilities);
+}
+
+std::optional<FieldSettings> readOptionalFieldSettings(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw Exception("Could not open file: " + path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return parseOptionalFieldSettings(text.str(), path);
 }
 
 FieldSettings readFieldSettings(const std::string& path) {

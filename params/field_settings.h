@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 
@@ -26,6 +27,14 @@ struct FieldSettings {
 FieldSettings readFieldSettings(const std::string& path);
 // The same for the text of a parameter file; `origin` stands for the path in messages.
 FieldSettings parseFieldSettings(const std::string& text, const std::string& origin);
+
+// For programs to which the field is optional: nothing when nmr.yaml has neither
+// staticField nor volumeSusceptibility; staticField (with its direction) alone, and an
+// empty volumeSusceptibility, when it has no susceptibilities; otherwise as above
+// (volumeSusceptibility without staticField is refused).
+std::optional<FieldSettings> readOptionalFieldSettings(const std::string& path);
+std::optional<FieldSettings> parseOptionalFieldSettings(const std::string& text,
+                                                        const std::string& origin);
 
 // volumeSusceptibility, staticField, staticFieldDirection.
 const std::set<std::string>& fieldSettingKeys();

@@ -43,7 +43,9 @@ concept Experiment = requires(E& e, const E& ce, typename E::Tally& tally,
 // What the run around the walk does: progress, polls and checkpoints.
 struct RunControl {
     MPI_Comm comm = MPI_COMM_WORLD;
-    // On this process after every walker (a progress bar on process 0).
+    // On this process before the first walker it walks (the walkers before it were taken
+    // up from a checkpoint), and after every walker: a progress bar on process 0.
+    std::function<void(std::uint32_t first)> started;
     std::function<void(std::uint32_t walker)> afterWalker;
     // Collective, at the shared poll indices (multiples of kPollInterval below the smallest
     // local walker count, so that every process reaches the same ones), with the walkers
@@ -83,6 +85,13 @@ public:
     template <Experiment E>
     WalkOutcome walk(E& experiment, typename E::Tally& tally, std::uint32_t localWalkers,
                      std::uint32_t first = 0);
+
+    // Collective: a checkpoint of the walk so far (done walkers), whatever the time, when
+    // checkpoints are on: a program of several walks keeps the ones it has finished this
+    // way, so a job taken up again does not walk them afresh.
+    template <Experiment E>
+    void checkpointNow(const E& experiment, const typename E::Tally& tally,
+                       std::uint32_t localWalkers, std::uint32_t done);
 
     // After a complete run: its checkpoints are no longer needed.
     void removeCheckpoints() const;
@@ -131,6 +140,7 @@ WalkOutcome RunCore::walk(E& experiment, typename E::Tally& tally, std::uint32_t
                           std::uint32_t first) {
     const std::uint32_t fewest = mpi::allReduce(localWalkers, MPI_MIN, control_.comm);
     WalkOutcome outcome;
+    if (control_.started) control_.started(first);
     outcome.startTime = MPI_Wtime();
     for (std::uint32_t i = first; i < localWalkers; ++i) {
         experiment.walk(i, tally);
@@ -138,19 +148,26 @@ WalkOutcome RunCore::walk(E& experiment, typename E::Tally& tally, std::uint32_t
         if (i < fewest && i % kPollInterval == 0 && control_.poll) {
             if (!control_.poll(i + 1)) return outcome;
             if (checkpointsOn_ && checkpointDue()) {
-                bool written = true;
-                try {
-                    writeCheckpoint(control_.program, {fingerprint_, rank_, size_, localWalkers,
-                                                       i + 1, experiment.save(tally)});
-                } catch (const Exception&) {
-                    written = false;
-                }
-                reportWritten(written);
+                checkpointNow(experiment, tally, localWalkers, i + 1);
             }
         }
     }
     outcome.completed = true;
     return outcome;
+}
+
+template <Experiment E>
+void RunCore::checkpointNow(const E& experiment, const typename E::Tally& tally,
+                            std::uint32_t localWalkers, std::uint32_t done) {
+    if (!checkpointsOn_) return;
+    bool written = true;
+    try {
+        writeCheckpoint(control_.program,
+                        {fingerprint_, rank_, size_, localWalkers, done, experiment.save(tally)});
+    } catch (const Exception&) {
+        written = false;
+    }
+    reportWritten(written);
 }
 
 }  // namespace nmr

@@ -173,15 +173,7 @@ private:
     // Every mineral of the grid needs a susceptibility; the others get the fluid's, which
     // gives them no contrast should they appear in a margin.
     void buildTable(const Grid<Mineral::Type>& grid) {
-        const auto& given = settings_.volumeSusceptibility;
-        table_.fill(given.valueOr(Mineral::Pore));
-        for (const auto& [code, chi] : given.entries()) table_[code] = chi;
-        for (const Mineral::Type code : Mineral::allTypes()) {
-            if (grid.counter(code) > 0 && !given.contains(code))
-                throw Exception("volumeSusceptibility has no value for " + Mineral::name(code) +
-                                ", which the grid holds (" + std::to_string(grid.counter(code)) +
-                                " cells)");
-        }
+        table_ = field::susceptibilityTable(settings_.volumeSusceptibility, grid);
     }
 
     // The field's estimate for every process of the busiest node against the memory that

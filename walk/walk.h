@@ -78,6 +78,23 @@ template <typename Draw, typename Locate, typename AtWall>
     return false;
 }
 
+// The mineral at a position in the mirrored extension of a view's grid, each axis keeping
+// the mirror period it was last in (see MirrorAxis).
+template <typename G>
+class MirroredCells {
+public:
+    explicit MirroredCells(const WalkGridView<G>& view)
+        : view_(view), x_(view.sizeX), y_(view.sizeY), z_(view.sizeZ) {}
+    auto operator()(double px, double py, double pz) {
+        return view_.cell(x_(static_cast<std::int32_t>(px)), y_(static_cast<std::int32_t>(py)),
+                          z_(static_cast<std::int32_t>(pz)));
+    }
+
+private:
+    const WalkGridView<G>& view_;
+    MirrorAxis x_, y_, z_;
+};
+
 // `count` steps that cannot exhaust the block (count * kMaxDrawsPerStep numbers are
 // left): no regeneration check and no call inside, so the position and the stream's
 // index live in registers for the whole run.
@@ -86,14 +103,7 @@ template <typename G, typename AtWall>
                                const WalkGridView<G>& view, AtWall& atWall) {
     RandomStream::Reader random(stream);
     auto draw = [&random]() { return random.nextUnchecked(); };
-    MirrorAxis mirrorX(view.sizeX);
-    MirrorAxis mirrorY(view.sizeY);
-    MirrorAxis mirrorZ(view.sizeZ);
-    auto mineralAt = [&](double px, double py, double pz) {
-        return view.cell(mirrorX(static_cast<std::int32_t>(px)),
-                         mirrorY(static_cast<std::int32_t>(py)),
-                         mirrorZ(static_cast<std::int32_t>(pz)));
-    };
+    MirroredCells<G> mineralAt(view);
     double x = walker.x;
     double y = walker.y;
     double z = walker.z;

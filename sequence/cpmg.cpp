@@ -1,0 +1,87 @@
+#include "sequence/cpmg.h"
+
+#include <cmath>
+
+#include "analysis/t2_summary.h"
+#include "common/exception.h"
+#include "walk/absorption_table.h"
+#include "walk/step_schedule.h"
+
+namespace nmr {
+
+namespace {
+
+constexpr double kTwoPi = 6.283185307179586;
+
+std::string shown(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return text;
+}
+
+}  // namespace
+
+EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parameters,
+                                double cellSizeM, double echoSpacingMs, double gradient,
+                                const StaticField& field) {
+    if (!(echoSpacingMs > 0.0) || !std::isfinite(echoSpacingMs))
+        throw Exception("An echo spacing must be a positive number of ms: " + shown(echoSpacingMs));
+    const double diffusion = parameters.diffusionConstantWater();
+    if (!(diffusion > 0.0))
+        throw Exception("The phase walk needs a positive diffusionConstantWater in nmr.yaml: " +
+                        shown(diffusion));
+    if (!(cellSizeM > 0.0))
+        throw Exception("The grid's cell size is not positive: " + shown(cellSizeM));
+    const double nominalStep = parameters.stepLength() > 0.0 ? parameters.stepLength() : 0.5;
+    const double nominalTau = stepDuration(cellSizeM, nominalStep, diffusion);
+    const double steps = std::ceil(0.5 * echoSpacingMs / nominalTau);
+    const auto n = static_cast<std::uint32_t>(
+        std::clamp(steps, static_cast<double>(kLeastStepsPerHalfEcho), 1e9));
+    EchoSpacingPlan plan;
+    plan.echoSpacingMs = echoSpacingMs;
+    plan.tauMs = 0.5 * echoSpacingMs / n;
+    // (a s)^2 = 6 D tau: the step whose duration is tau.
+    plan.phase.step = std::sqrt(6.0 * diffusion * plan.tauMs / 1000.0) / cellSizeM;
+    plan.phase.stepsPerHalfEcho = n;
+    buildAbsorptionTable(parameters.surfaceRelaxationStrengthWater(), plan.phase.step, cellSizeM,
+                         diffusion, plan.phase.table);
+    const double gamma = kTwoPi * parameters.gyroMagneticRatio();
+    const double tauSeconds = plan.tauMs / 1000.0;
+    plan.phase.fieldPhase = gamma * field.b0 * tauSeconds;
+    plan.phase.gradientPhase = gamma * gradient * cellSizeM * tauSeconds;
+    plan.phase.axis = field.axis;
+    return plan;
+}
+
+EchoTrain echoTrainOf(const EchoSpacingPlan& plan, const ExactSums& sums, std::int64_t walkers,
+                      const NuclearMagneticResonanceParameters& parameters) {
+    EchoTrain train;
+    train.echoSpacingMs = plan.echoSpacingMs;
+    train.stepVoxels = plan.phase.step;
+    train.stepsPerHalfEcho = plan.phase.stepsPerHalfEcho;
+    const double bulkT2Ms = parameters.bulkWaterT2() * 1000.0;
+    const double count = walkers > 0 ? static_cast<double>(walkers) : 1.0;
+    for (std::size_t k = 0; k < sums.size(); ++k) {
+        const double t = static_cast<double>(k + 1) * plan.echoSpacingMs;
+        train.times.push_back(t);
+        train.amplitudes.push_back(sums.sum(k) / count * std::exp(-t / bulkT2Ms));
+    }
+    train.distribution = t2::invertDecay(train.times, train.amplitudes, parameters.t2Minimum(),
+                                         parameters.t2Maximum(), parameters.t2Components());
+    train.logMeanT2 =
+        analysis::summariseT2(train.distribution.t2, train.distribution.amplitude).logMeanT2;
+    return train;
+}
+
+std::string clayWarning(const NuclearMagneticResonanceParameters& parameters,
+                        const std::vector<std::uint64_t>& counters) {
+    const bool clay = Mineral::Clay < counters.size() && counters[Mineral::Clay] > 0;
+    if (!clay || !(parameters.clayMicroPorosity() > 0.0)) return {};
+    return "Warning: the rock holds Clay and clayMicroPorosity is " +
+           shown(parameters.clayMicroPorosity()) +
+           ": the signal of the water in the clay's micro-pores, part of nmrwalk's decay, is "
+           "not part of this echo train, which holds the walkers' signal alone. Set "
+           "clayMicroPorosity to 0 to compare the two.";
+}
+
+}  // namespace nmr
