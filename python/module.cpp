@@ -33,6 +33,8 @@
 #include "io/grid_loader.h"
 #include "params/parameter_file.h"
 #include "python/arrays.h"
+#include "python/cpmg.h"
+#include "python/inputs.h"
 #include "python/invert2d.h"
 #include "python/label_volume.h"
 #include "simulation/local_run.h"
@@ -46,86 +48,6 @@ namespace py = pybind11;
 namespace nmr::python {
 
 namespace {
-
-using Parameters = NuclearMagneticResonanceParameters;
-
-// MPI is started here when nobody has (a plain interpreter: singleton mode) and finished at
-// the interpreter's exit, only then. When mpi4py or a host program started it, it is theirs
-// to finish. Every run inside the module uses MPI_COMM_SELF only.
-void ensureMpi() {
-    int finalized = 0;
-    MPI_Finalized(&finalized);
-    if (finalized) throw std::runtime_error("MPI was already finalised in this process");
-    int initialised = 0;
-    MPI_Initialized(&initialised);
-    if (initialised) return;
-    int provided = 0;
-    MPI_Init_thread(nullptr, nullptr, MPI_THREAD_SERIALIZED, &provided);
-    py::module_::import("atexit").attr("register")(py::cpp_function([] {
-        int done = 0;
-        MPI_Finalized(&done);
-        if (!done) MPI_Finalize();
-    }));
-}
-
-constexpr const char* kRelaxivityKeys[] = {"surfaceRelaxationStrengthWater",
-                                           "surfaceRelaxationStrengthOil"};
-
-bool isRelaxivityKey(const std::string& key) {
-    return std::any_of(std::begin(kRelaxivityKeys), std::end(kRelaxivityKeys),
-                       [&](const char* k) { return key == k; });
-}
-
-// The settings of nmrwalk -p with `overrides` (a YAML map of settings) in place. A key a
-// parameter file cannot hold raises KeyError: a misspelt key would otherwise be ignored
-// and the run would quietly use the template's value. With mergeRelaxivities, a relaxivity
-// map replaces the template's values of the minerals it names and keeps the others: a dict
-// that names only Quartz would otherwise leave Clay without a relaxivity, and with it the
-// walk without its switch to the coarse step (times 4 times too short). A file is taken as
-// nmrwalk takes it, so that both give the same numbers.
-std::unique_ptr<Parameters> parametersWith(const YAML::Node& overrides, const std::string& origin,
-                                           bool mergeRelaxivities) {
-    YAML::Node document = YAML::Load(encodeParameters(templateParameters()));
-    YAML::Node settings = document[parameterRootKey()];
-    if (overrides && !overrides.IsNull()) {
-        if (!overrides.IsMap()) throw Exception(origin + " does not contain a yaml map.");
-        for (const auto& entry : overrides) {
-            const auto key = entry.first.as<std::string>();
-            if (parameterKeys().count(key) == 0) throw py::key_error(key);
-            if (mergeRelaxivities && isRelaxivityKey(key) && entry.second.IsMap()) {
-                for (const auto& mineral : entry.second)
-                    settings[key][mineral.first] = mineral.second;
-            } else {
-                settings[key] = entry.second;
-            }
-        }
-    }
-    return parseParameters(YAML::Dump(document), origin);
-}
-
-// A negative relaxivity passes nmrwalk's validation and then absorbs nothing; here it is
-// refused.
-void refuseNegativeRelaxivities(const Parameters& parameters) {
-    const std::string refusal = negativeRelaxivityRefusal(parameters);
-    if (!refusal.empty()) throw std::invalid_argument(refusal);
-}
-
-// FileNotFoundError, as open() would raise it, for a path that is not there.
-void requireFile(const std::string& path) {
-    if (std::filesystem::exists(path)) return;
-    errno = ENOENT;
-    PyErr_SetFromErrnoWithFilename(PyExc_FileNotFoundError, path.c_str());
-    throw py::error_already_set();
-}
-
-std::unique_ptr<Parameters> parametersFromFile(const std::string& path) {
-    requireFile(path);
-    const YAML::Node document = YAML::LoadFile(path);
-    if (!document.IsMap() || !document[parameterRootKey()]) {
-        throw Exception(path + " does not contain a yaml map.");
-    }
-    return parametersWith(document[parameterRootKey()], path, false);
-}
 
 py::dict summaryOf(const LocalRun& run) {
     py::dict out;
@@ -146,96 +68,6 @@ py::dict summaryOf(const LocalRun& run) {
          analysis::summaryEntries(analysis::summariseT2(d.t2, d.amplitude)))
         out[py::str(name)] = value;
     return out;
-}
-
-// Polls of a walk in progress, with the GIL released in between: Ctrl-C (or an exception
-// of the progress callback) stops the walk at the next poll and is raised once the walk
-// has let go.
-class WalkPolls {
-public:
-    explicit WalkPolls(py::object progress) : progress_(std::move(progress)) {}
-
-    bool operator()(std::uint32_t done, std::uint32_t total) {
-        py::gil_scoped_acquire gil;
-        try {
-            if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-            if (!progress_.is_none()) progress_(done, total);
-            return true;
-        } catch (py::error_already_set& error) {
-            pending_ = std::move(error);
-            return false;
-        }
-    }
-    void raisePending() {
-        if (pending_) throw std::move(*pending_);
-    }
-    // Shows each line as a RuntimeWarning at the caller of nmrwalk's function, before the
-    // walk, which may take long. False when a warning became an error (a warnings filter
-    // set to "error"); that error is then pending.
-    bool warn(const std::vector<std::string>& lines) {
-        if (lines.empty()) return true;
-        py::gil_scoped_acquire gil;
-        for (const std::string& line : lines) {
-            // Level 2: past the function of nmrwalk/__init__.py, at the user's call.
-            if (PyErr_WarnEx(PyExc_RuntimeWarning, line.c_str(), 2) != 0) {
-                pending_.emplace();
-                return false;
-            }
-        }
-        return true;
-    }
-
-private:
-    py::object progress_;
-    std::optional<py::error_already_set> pending_;
-};
-
-// A label volume with its cell size and the codes of its labels, as simulate() and
-// write_grid() take them.
-struct LabelledRock {
-    LabelVolume volume;
-    LabelCodes codes;
-    double cellSize;
-};
-
-LabelledRock labelledRock(py::array labels, double cellSize, const py::object& minerals) {
-    LabelVolume volume(std::move(labels));
-    if (!(cellSize > 0.0) || !std::isfinite(cellSize)) {
-        throw std::invalid_argument("cell_size_um must be a positive number of micrometres; got " +
-                                    std::to_string(cellSize));
-    }
-    return {std::move(volume), minerals.is_none() ? LabelCodes() : LabelCodes(minerals), cellSize};
-}
-
-// The settings of a call: the file's (path) or the dict's (overrides, as YAML text) on the
-// template, with the seed in place when one is given.
-std::unique_ptr<Parameters> parametersOf(const py::object& path, const std::string& overrides,
-                                         const py::object& seed) {
-    std::unique_ptr<Parameters> parameters;
-    if (path.is_none()) {
-        YAML::Node settings = YAML::Load(overrides);
-        if (!seed.is_none()) settings["randomSeed"] = seed.cast<std::int32_t>();
-        parameters = parametersWith(settings, "params", true);
-    } else {
-        parameters = parametersFromFile(path.cast<std::string>());
-        if (!seed.is_none()) parameters->setRandomSeed(seed.cast<std::int32_t>());
-    }
-    if (parameters->numberOfWalkers() <= 0) {
-        throw std::invalid_argument("numberOfWalkers must be positive; got " +
-                                    std::to_string(parameters->numberOfWalkers()));
-    }
-    refuseNegativeRelaxivities(*parameters);
-    ensureMpi();
-    return parameters;
-}
-
-// The rock's cells as a run with these parameters loads them (its region, when one is on).
-// Reads the label buffer only, so it runs without the GIL.
-std::shared_ptr<ByteMineralGrid> gridOf(const LabelledRock& rock, const Parameters& parameters) {
-    const MineralVolume cells{
-        rock.volume.nx(), rock.volume.ny(), rock.volume.nz(), rock.cellSize,
-        [&](std::uint32_t z, std::uint8_t* out) { rock.volume.sliceCodes(z, rock.codes, out); }};
-    return buildByteMineralGrid(cells, runLoadOptions(parameters));
 }
 
 // Labels that are only 0 and 1 read as mineral codes make a rock of pore and clay: a
@@ -643,6 +475,7 @@ PYBIND11_MODULE(_nmrwalk, m) {
     m.def("invert", &invert, py::arg("time_ms"), py::arg("amplitude"), py::arg("t2_min"),
           py::arg("t2_max"), py::arg("components"));
     defineInvert2d(m);
+    defineCpmg(m);
     m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
           py::arg("amplitude"), py::arg("imaginary"), py::arg("fit"), py::arg("bounds"),

@@ -10,6 +10,7 @@ Functions:
     fit         surface relaxivities that match a measured decay, from one walk
     invert      the T2 distribution of any decay (as nmrwalk-invert)
     field       the internal magnetic field from mineral susceptibilities (as nmrwalk-field)
+    cpmg        echo trains in the rock's internal field, per echo spacing (as nmrwalk-sequence)
     invert2d    a D-T2 or T1-T2 map of 2-D data (as nmrwalk-invert --dt2 / --t1t2)
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
@@ -27,7 +28,8 @@ import warnings
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "read_grid",
+__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "cpmg",
+           "Train", "read_grid",
            "write_grid", "parameter_keys", "Result", "Error", "MINERALS"]
 
 Error = _nmrwalk.Error
@@ -359,6 +361,62 @@ def field(labels, cell_size_um, susceptibility, b0_direction="z", minerals=None,
     labels, minerals = _native(labels, minerals)
     return _nmrwalk.field(labels, float(cell_size_um), minerals, dict(susceptibility),
                           str(b0_direction), None if padding is None else float(padding))
+
+
+class Train:
+    """The echo train of one echo spacing, from cpmg().
+
+    Attributes:
+        echo_spacing_ms:     the echo spacing TE
+        time_ms, amplitude:  the echoes, at TE, 2 TE, ...: the mean over the walkers of
+                             cos(phase) (0 for a walker absorbed), times exp(-t / T2 bulk)
+        t2_ms, distribution: the T2 distribution of the train, by the inversion of simulate
+        t2lm_ms:             its log-mean T2
+        step_voxels, steps_per_half_echo: the step walked and the N steps of a half echo
+    """
+
+    def __init__(self, fields):
+        self.__dict__.update(fields)
+
+    def __repr__(self):
+        return "Train(TE %g ms, %d echoes, T2LM %.4g ms)" % (
+            self.echo_spacing_ms, len(self.time_ms), self.t2lm_ms)
+
+
+def cpmg(labels, cell_size_um, params, echo_spacing_ms, echoes=None, gradient=0.0, field=None,
+         seed=None, minerals=None):
+    """CPMG echo trains that feel the rock's internal field, as nmrwalk-sequence cpmg.
+
+    labels, cell_size_um, params, seed, minerals: as for simulate(). params may hold
+                     staticField (B0 in T), staticFieldDirection and volumeSusceptibility,
+                     as nmr.yaml does for nmrwalk-sequence.
+    echo_spacing_ms: one echo spacing TE in ms, or a list of them.
+    echoes:          echoes per spacing; None runs them until the signal falls below 0.1 %
+                     of its start.
+    gradient:        a uniform applied gradient along B0, T/m.
+    field:           dB/B0 as field() returns it ([z, y, x], the shape of the walked grid);
+                     None computes it from volumeSusceptibility when params hold it. A field
+                     needs staticField in params.
+
+    The walk: nmrwalk's step and kill rule; phase gamma B0 (dB/B0) tau from the field
+    (trilinear) and gamma G x tau from the gradient every step, gamma = 2 pi
+    gyroMagneticRatio rad/(s T); a pi pulse at (k + 1/2) TE. No clay micro-porosity signal
+    and no analytic gradient factor (see nmrwalk-sequence cpmg --help). A half echo is a
+    whole number N >= 8 of steps: the step is shortened when needed. The same seed gives the
+    bits of nmrwalk-sequence's cpmg.out at any process count. Runs with the GIL released.
+
+    Returns a list of Train, one per echo spacing.
+    """
+    path, overrides = _parameter_overrides(params, seed)
+    labels, minerals = _native(labels, minerals)
+    if hasattr(echo_spacing_ms, "tolist"):
+        echo_spacing_ms = echo_spacing_ms.tolist()
+    if not isinstance(echo_spacing_ms, (list, tuple)):
+        echo_spacing_ms = [echo_spacing_ms]
+    spacings = [float(te) for te in echo_spacing_ms]
+    return [Train(fields) for fields in _nmrwalk.cpmg(
+        labels, float(cell_size_um), minerals, path, overrides, seed, spacings,
+        None if echoes is None else int(echoes), float(gradient), field)]
 
 
 class Map:
