@@ -4,7 +4,12 @@
 // numbers per step from the same kind of stream. Prints ns per step, steps per second and
 // the ratio of each walk to the bare draws.
 //
-//   walk_bench [walkers] [steps per walker] [rounds]     defaults: 4000 2000 7
+// Then the phase walk of a CPMG echo train on the one-byte grid, through a field map of
+// four bytes a cell read trilinearly every step, with the field in bricks of 8^3 (as the
+// program holds it) and laid out x fastest, and its ratio to nmrwalk's walk. A size of
+// 512 puts grid and field far beyond the cache (the four-byte grid is then not timed).
+//
+//   walk_bench [walkers] [steps per walker] [rounds] [size]   defaults: 4000 2000 7 256
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +24,8 @@
 #include "grid/byte_mineral_grid.h"
 #include "grid/sliced_grid.h"
 #include "walk/absorption_table.h"
+#include "walk/field_map.h"
+#include "walk/phase_walk.h"
 #include "walk/random_stream.h"
 #include "walk/walk.h"
 #include "walk/walker_creation.h"
@@ -28,7 +35,7 @@ namespace {
 using nmr::Mineral::Type;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::uint32_t kSize = 256;
+std::uint32_t kSize = 256;  // the edge of the rock, set from the command line
 constexpr double kGrainRadius = 10.0;
 constexpr double kTargetPorosity = 0.2;
 
@@ -100,6 +107,33 @@ struct Grids {
     nmr::ByteMineralGrid bytes{kSize, kSize, kSize, 0, 0, 0, 1.0};
 };
 
+// A smooth field with the scale of a grain, its values in bricks and x fastest.
+struct Fields {
+    std::vector<float> bricks, rows;
+    nmr::FieldMap bricked;
+    nmr::BasicFieldMap<nmr::RowLayout> plain;
+};
+
+std::unique_ptr<Fields> buildFields() {
+    auto fields = std::make_unique<Fields>();
+    const nmr::BrickLayout brickLayout(kSize, kSize, kSize);
+    fields->bricks.assign(brickLayout.cells(), 0.0f);
+    fields->rows.assign(std::size_t{kSize} * kSize * kSize, 0.0f);
+    const nmr::RowLayout rowLayout(kSize, kSize, kSize);
+    for (std::uint32_t z = 0; z < kSize; ++z)
+        for (std::uint32_t y = 0; y < kSize; ++y)
+            for (std::uint32_t x = 0; x < kSize; ++x) {
+                const auto value =
+                    static_cast<float>(1e-6 * std::sin(0.3 * x) * std::cos(0.2 * y + 0.1 * z));
+                fields->bricks[brickLayout.index(x, y, z)] = value;
+                fields->rows[rowLayout.index(x, y, z)] = value;
+            }
+    fields->bricked = nmr::FieldMap(nullptr, fields->bricks.data(), kSize, kSize, kSize);
+    fields->plain =
+        nmr::BasicFieldMap<nmr::RowLayout>(nullptr, fields->rows.data(), kSize, kSize, kSize);
+    return fields;
+}
+
 void buildGrids(Grids& grids) {
     const auto start = Clock::now();
     nmr::RandomStream geometry(12345u);
@@ -124,6 +158,29 @@ double walkAll(nmr::RandomStream& stream, const View& view, const Workload& work
     for (nmr::Walker walker : set) {
         nmr::walkInterval(stream, walker, work.stepsPerWalker, 0.5, view, work.table);
         checksum += walker.x + walker.y + walker.z;
+    }
+    sink(checksum);
+    return threadSeconds() - t0;
+}
+
+// The phase walk: the same walkers, each with a counter-based stream of its own, through
+// echoes of 2 x 10 steps up to the same step count, gathering phase from the field.
+template <typename View, typename F>
+double phaseWalkAll(const View& view, const F& field, const Workload& work,
+                    const std::vector<nmr::Walker>& set) {
+    nmr::PhasePlan plan;
+    plan.step = 0.5;
+    plan.stepsPerHalfEcho = 10;
+    plan.echoes = work.stepsPerWalker / 20;
+    plan.table = work.table;
+    plan.fieldPhase = 1e4;
+    plan.gradientPhase = 1e-3;
+    const double t0 = threadSeconds();
+    double checksum = 0.0;
+    for (std::size_t i = 0; i < set.size(); ++i) {
+        nmr::CounterStream stream(7, i);
+        nmr::walkEchoTrain(stream, set[i], view, field, plan,
+                           [&checksum](std::uint32_t, double phase) { checksum += phase; });
     }
     sink(checksum);
     return threadSeconds() - t0;
@@ -161,13 +218,16 @@ int main(int argc, char** argv) {
     const int walkerCount = argc > 1 ? std::atoi(argv[1]) : 4000;
     const auto stepsPerWalker = static_cast<std::uint32_t>(argc > 2 ? std::atol(argv[2]) : 2000);
     const int rounds = argc > 3 ? std::atoi(argv[3]) : 7;
+    if (argc > 4) kSize = static_cast<std::uint32_t>(std::atoi(argv[4]));
+    const bool wideToo = kSize <= 256;
 
     auto grids = std::make_unique<Grids>();
     buildGrids(*grids);
+    const auto fields = buildFields();
 
     nmr::RandomStream stream(8008u);
     Workload work{stepsPerWalker, {}, {}};
-    nmr::createWalkers(stream, nmr::makeWalkGridView(grids->wide), walkerCount, work.walkers);
+    nmr::createWalkers(stream, nmr::makeWalkGridView(grids->bytes), walkerCount, work.walkers);
     // The same walkers 20 mirror periods away: long walks spend most steps out there.
     const double shift = 20.0 * 2.0 * (kSize - 1);
     std::vector<nmr::Walker> farWalkers = work.walkers;
@@ -181,21 +241,38 @@ int main(int argc, char** argv) {
     const auto fourByteView = nmr::makeWalkGridView(grids->wide);
     const auto oneByteView = nmr::makeWalkGridView(grids->bytes);
     Timing fourBytes, oneByte;
-    double bare = 1e300;
+    double bare = 1e300, phaseBricks = 1e300, phaseRows = 1e300;
     for (int r = 0; r < rounds; ++r) {
-        fourBytes.walk =
-            std::min(fourBytes.walk, walkAll(stream, fourByteView, work, work.walkers));
+        if (wideToo)
+            fourBytes.walk =
+                std::min(fourBytes.walk, walkAll(stream, fourByteView, work, work.walkers));
         oneByte.walk = std::min(oneByte.walk, walkAll(stream, oneByteView, work, work.walkers));
         bare = std::min(bare, drawAll(stream, work));
-        fourBytes.far = std::min(fourBytes.far, walkAll(stream, fourByteView, work, farWalkers));
+        phaseBricks =
+            std::min(phaseBricks, phaseWalkAll(oneByteView, fields->bricked, work, work.walkers));
+        phaseRows =
+            std::min(phaseRows, phaseWalkAll(oneByteView, fields->plain, work, work.walkers));
+        if (wideToo)
+            fourBytes.far =
+                std::min(fourBytes.far, walkAll(stream, fourByteView, work, farWalkers));
         oneByte.far = std::min(oneByte.far, walkAll(stream, oneByteView, work, farWalkers));
     }
 
     const double steps = static_cast<double>(walkerCount) * stepsPerWalker;
+    // Whole echoes of 20 steps.
+    const std::uint32_t phaseStepsPerWalker = stepsPerWalker - stepsPerWalker % 20;
+    const double phaseSteps = static_cast<double>(walkerCount) * phaseStepsPerWalker;
     const double bareNs = bare * 1e9 / steps;
     std::printf("walkers %d x %u steps, best of %d rounds\n", walkerCount, stepsPerWalker, rounds);
     std::printf("bare 4 draws per step:     %6.2f ns/step\n", bareNs);
-    report("4-byte", fourBytes, steps, bareNs);
+    if (wideToo) report("4-byte", fourBytes, steps, bareNs);
     report("1-byte", oneByte, steps, bareNs);
+    const double walkNs = oneByte.walk * 1e9 / steps;
+    for (const auto& [name, seconds] :
+         {std::pair{"bricks 8^3", phaseBricks}, std::pair{"x fastest ", phaseRows}}) {
+        const double ns = seconds * 1e9 / phaseSteps;
+        std::printf("phase walk, field in %s: %6.2f ns/step  ratio to nmrwalk's walk %.2f\n", name,
+                    ns, ns / walkNs);
+    }
     return 0;
 }
