@@ -85,6 +85,8 @@ py::list cpmg(py::array labels, double cellSize, const py::object& minerals, con
         py::gil_scoped_release released;
         grid = gridOf(rock, *parameters);
     }
+    if (grid->counter(Mineral::Pore) == 0)
+        throw std::invalid_argument("the labels (or the region walked) hold no pore cell");
     const FieldMap map = fieldMapOf(field, settings, *grid);
     const StaticField b0{settings ? settings->staticField : 0.0,
                          settings ? settings->staticFieldDirection - 'x' : 2};

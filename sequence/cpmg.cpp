@@ -34,7 +34,9 @@ EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parame
         throw Exception("The grid's cell size is not positive: " + shown(cellSizeM));
     const double nominalStep = parameters.stepLength() > 0.0 ? parameters.stepLength() : 0.5;
     const double nominalTau = stepDuration(cellSizeM, nominalStep, diffusion);
-    const double steps = std::ceil(0.5 * echoSpacingMs / nominalTau);
+    // A ratio a few units in the last place above a whole number is that number: the step
+    // of nmr.yaml is kept whenever it divides the half echo.
+    const double steps = std::ceil(0.5 * echoSpacingMs / nominalTau * (1.0 - 1e-12));
     const auto n = static_cast<std::uint32_t>(
         std::clamp(steps, static_cast<double>(kLeastStepsPerHalfEcho), 1e9));
     EchoSpacingPlan plan;
@@ -71,6 +73,25 @@ EchoTrain echoTrainOf(const EchoSpacingPlan& plan, const ExactSums& sums, std::i
     train.logMeanT2 =
         analysis::summariseT2(train.distribution.t2, train.distribution.amplitude).logMeanT2;
     return train;
+}
+
+std::optional<std::uint32_t> echoesToFloor(const std::vector<double>& signal,
+                                           const std::vector<double>& noise) {
+    constexpr double kFloor = 1e-3;
+    for (std::size_t k = 0; k < signal.size(); ++k) {
+        if (signal[k] < kFloor) return static_cast<std::uint32_t>(k + 1);
+        if (signal[k] >= 3.0 * noise[k]) continue;
+        // Lost in the noise above the floor: go on at the rate of the half train before.
+        const std::size_t half = k / 2;
+        if (half == k || !(signal[half] > signal[k])) continue;
+        const double rate = std::log(signal[half] / signal[k]) / static_cast<double>(k - half);
+        // A rate read so close to the noise is rough: at most three times as many again.
+        const double more = std::min(std::ceil(std::log(signal[k] / kFloor) / rate),
+                                     3.0 * static_cast<double>(k + 1));
+        return static_cast<std::uint32_t>(
+            std::min(static_cast<double>(k + 1) + more, static_cast<double>(kMostEchoes)));
+    }
+    return std::nullopt;
 }
 
 std::string clayWarning(const NuclearMagneticResonanceParameters& parameters,

@@ -50,13 +50,22 @@ EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parame
                                 const StaticField& field);
 
 // The echoes until the train falls below 0.1 % of its start, at most kMostEchoes, judged
-// from the first walkers of the job (the same ones on every process). They walk trains of
-// 32, 64, ... echoes until one falls below 0.1 % or bulk relaxation alone would bring it
-// there: each walker's stream starts afresh, so a longer train repeats the shorter one and
-// the doubling costs at most twice the last train. Every process gets the same count.
+// from the first walkers of the job (2000 at most). They walk trains of 32, 64, ... echoes
+// until one falls below 0.1 %, or into its own noise, or bulk relaxation alone would bring
+// it there: each walker's stream starts afresh, so a longer train repeats the shorter one
+// and the doubling costs at most twice the last train. Run it on one process and send the
+// count to the others.
 template <typename G>
 std::uint32_t countEchoes(const G& grid, const FieldMap& field, EchoSpacingPlan plan,
                           std::int32_t seed, std::int64_t walkers, double bulkT2Ms);
+
+// The echo count from a pilot train: signal[k] the mean of echo k + 1 (bulk relaxation
+// included), noise[k] its standard error. The first echo below 0.1 %; or, where the mean
+// sinks into its noise (below 3 standard errors) first, that echo plus the echoes the
+// decay rate of the half train before it needs to reach 0.1 %, at most three times as
+// many again. Nothing when the train does not get that far.
+std::optional<std::uint32_t> echoesToFloor(const std::vector<double>& signal,
+                                           const std::vector<double>& noise);
 
 // The train of one echo spacing: times (ms) of echoes 1 .. M and their amplitudes, the mean
 // over the walkers of cos(phase) (0 for a walker absorbed) times exp(-t / T2 bulk).
@@ -80,7 +89,6 @@ std::string clayWarning(const NuclearMagneticResonanceParameters& parameters,
 template <typename G>
 std::uint32_t countEchoes(const G& grid, const FieldMap& field, EchoSpacingPlan plan,
                           std::int32_t seed, std::int64_t walkers, double bulkT2Ms) {
-    constexpr double kFloor = 1e-3;
     constexpr std::int64_t kPilotWalkers = 2000;
     // Bulk relaxation alone brings the signal to 0.1 % at T2 ln 1000.
     const double bulkEnd = bulkT2Ms * 6.907755278982137;
@@ -91,16 +99,31 @@ std::uint32_t countEchoes(const G& grid, const FieldMap& field, EchoSpacingPlan 
         static_cast<std::uint32_t>(std::clamp(most, 1.0, static_cast<double>(kMostEchoes)));
     const auto pilot = static_cast<std::uint32_t>(std::min(walkers, kPilotWalkers));
     if (pilot == 0) return last;
+    const WalkGridView<G> view = makeWalkGridView(grid);
     for (std::uint32_t echoes = std::min<std::uint32_t>(32, last);;
          echoes = std::min(2 * echoes, last)) {
         plan.phase.echoes = echoes;
-        EchoTrainWalk<G> walk(grid, field, plan.phase, seed, 0);
-        ExactSums sums = walk.emptyTally();
-        for (std::uint32_t i = 0; i < pilot; ++i) walk.walk(i, sums);
-        for (std::uint32_t k = 0; k < echoes; ++k) {
-            const double t = (k + 1) * plan.echoSpacingMs;
-            if (sums.sum(k) / pilot * std::exp(-t / bulkT2Ms) < kFloor) return k + 1;
+        std::vector<double> sums(echoes, 0.0), squares(echoes, 0.0);
+        for (std::uint32_t i = 0; i < pilot; ++i) {
+            CounterStream stream(seed, i);
+            const Walker start = placeWalker(stream, view);
+            walkEchoTrain(stream, start, view, field, plan.phase,
+                          [&](std::uint32_t k, double phase) {
+                              const double c = stableCos(phase);
+                              sums[k] += c;
+                              squares[k] += c * c;
+                          });
         }
+        std::vector<double> signal(echoes), noise(echoes);
+        for (std::uint32_t k = 0; k < echoes; ++k) {
+            const double bulk =
+                std::exp(-static_cast<double>(k + 1) * plan.echoSpacingMs / bulkT2Ms);
+            const double mean = sums[k] / pilot;
+            signal[k] = mean * bulk;
+            noise[k] = std::sqrt(std::max(0.0, squares[k] / pilot - mean * mean) / pilot) * bulk;
+        }
+        if (const auto count = echoesToFloor(signal, noise))
+            return std::min(std::max(*count, 1u), last);
         if (echoes == last) return last;
     }
 }

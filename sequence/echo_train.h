@@ -61,7 +61,8 @@ std::optional<ExactSums> walkEchoTrains(const G& grid, const FieldMap& field, co
     RunCore core(std::move(control));
     const std::uint32_t from = core.resume(experiment, sums, walkers.count);
     if (!core.walk(experiment, sums, walkers.count, from).completed) return std::nullopt;
-    if (from < walkers.count) core.checkpointNow(experiment, sums, walkers.count, walkers.count);
+    // Every process, whatever its walkers: the call is collective.
+    core.checkpointNow(experiment, sums, walkers.count, walkers.count);
     return sums;
 }
 

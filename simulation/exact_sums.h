@@ -25,7 +25,8 @@ public:
         sums_[i] += static_cast<Int128>(static_cast<std::int64_t>(value * kUnit));
     }
     std::size_t size() const { return sums_.size(); }
-    // The sum as a double (rounded once, from the exact integer).
+    // The sum as a double, from the exact integer (through long double: the same bits
+    // wherever the sum was taken).
     double sum(std::size_t i) const;
 
     // Adds another set of sums of the same size.

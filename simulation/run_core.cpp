@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <limits>
 
 namespace nmr {
 
@@ -51,14 +52,20 @@ std::vector<Checkpoint> RunCore::mine(std::uint32_t localWalkers, std::string& p
 std::uint32_t RunCore::agree(const std::vector<Checkpoint>& candidates, const std::string& problem,
                              const Checkpoint*& chosen) const {
     // Every process saves at the same polls, so the latest checkpoint that all hold is the
-    // smallest of their latest ones; each must hold that one too.
+    // smallest of their latest ones; each must hold that one too. A checkpoint of a finished
+    // walk (a program of several walks keeps those) stands above every poll: the processes
+    // agree on it although their walker counts, and so its walker indices, differ.
+    constexpr std::uint32_t kFinished = std::numeric_limits<std::uint32_t>::max();
+    auto key = [](const Checkpoint& c) {
+        return c.nextWalker >= c.localWalkers ? kFinished : c.nextWalker;
+    };
     std::uint32_t latest = 0;
-    for (const auto& c : candidates) latest = std::max(latest, c.nextWalker);
+    for (const auto& c : candidates) latest = std::max(latest, key(c));
     const std::uint32_t common =
         mpi::allReduce(candidates.empty() ? 0u : latest, MPI_MIN, control_.comm);
     chosen = nullptr;
     for (const auto& c : candidates) {
-        if (c.nextWalker == common) chosen = &c;
+        if (common == kFinished ? key(c) == kFinished : c.nextWalker == common) chosen = &c;
     }
     if (!mpi::allTrue(chosen != nullptr, control_.comm)) {
         if (rank_ == kRoot && control_.warnings != nullptr) {
@@ -69,12 +76,13 @@ std::uint32_t RunCore::agree(const std::vector<Checkpoint>& candidates, const st
         chosen = nullptr;
         return 0;
     }
-    const long long done = mpi::allReduce(static_cast<long long>(common), MPI_SUM, control_.comm);
+    const long long done =
+        mpi::allReduce(static_cast<long long>(chosen->nextWalker), MPI_SUM, control_.comm);
     if (rank_ == kRoot && control_.console != nullptr) {
         *control_.console << "Resuming from checkpoint: " << done << " of " << control_.totalWalkers
                           << " walkers" << std::endl;
     }
-    return common;
+    return chosen->nextWalker;
 }
 
 bool RunCore::checkpointDue() {

@@ -102,7 +102,8 @@ private:
     bool prepareCheckpoints();
     // This process's checkpoints of this run, latest first.
     std::vector<Checkpoint> mine(std::uint32_t localWalkers, std::string& problem) const;
-    // Collective: the walker every process takes up from, or 0 with a warning when they
+    // Collective: the walker this process takes up from (the same on every process, but for
+    // a finished walk, where each takes up its own count), or 0 with a warning when they
     // cannot all take up the same checkpoint (chosen is then null).
     std::uint32_t agree(const std::vector<Checkpoint>& candidates, const std::string& problem,
                         const Checkpoint*& chosen) const;

@@ -72,10 +72,16 @@ int runCpmg(SequenceRun& run, const CpmgOptions& options) {
             return SequenceRun::kEarlyEnd;
         plan.phase.echoes = options.request.echoes.value_or(0);
         if (plan.phase.echoes == 0) {
-            plan.phase.echoes = run.grid().visit([&](const auto& grid) {
-                return countEchoes(grid, run.field(), plan, parameters.randomSeed(),
-                                   parameters.numberOfWalkers(), parameters.bulkWaterT2() * 1000.0);
-            });
+            // Judged on process 0 alone and sent to the others: every process must walk the
+            // same train.
+            if (run.root()) {
+                plan.phase.echoes = run.grid().visit([&](const auto& grid) {
+                    return countEchoes(grid, run.field(), plan, parameters.randomSeed(),
+                                       parameters.numberOfWalkers(),
+                                       parameters.bulkWaterT2() * 1000.0);
+                });
+            }
+            mpi::broadcast(plan.phase.echoes, mpi::kRoot);
             if (run.root() && plan.phase.echoes == kMostEchoes)
                 std::cerr << "Warning: at an echo spacing of " << plan.echoSpacingMs
                           << " ms the signal stays above 0.1 % of its start for " << kMostEchoes
@@ -96,11 +102,13 @@ int runCpmg(SequenceRun& run, const CpmgOptions& options) {
         });
         if (!sums) return SequenceRun::kEarlyEnd;
         sums->reduce(MPI_COMM_WORLD, mpi::kRoot);
-        if (run.root()) {
-            trains.push_back(echoTrainOf(plan, *sums, parameters.numberOfWalkers(), parameters));
-            std::cout << "Echo spacing " << plan.echoSpacingMs << " ms: T2LM "
-                      << trains.back().logMeanT2 << " ms" << std::endl;
-        }
+        if (!run.agree([&] {
+                trains.push_back(
+                    echoTrainOf(plan, *sums, parameters.numberOfWalkers(), parameters));
+                std::cout << "Echo spacing " << plan.echoSpacingMs << " ms: T2LM "
+                          << trains.back().logMeanT2 << " ms" << std::endl;
+            }))
+            return SequenceRun::kEarlyEnd;
     }
     if (!run.agree([&] { writeCpmgOutputs(trains, std::cerr); })) return SequenceRun::kEarlyEnd;
     run.complete();

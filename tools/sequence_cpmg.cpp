@@ -52,8 +52,10 @@ for bit, at any number of processes.
 Options:
   --echo-spacing MS,...  echo spacings TE in ms
   --echoes N             echoes per spacing (default: until the signal falls
-                         below 0.1 % of its start, judged from the first
-                         walkers)
+                         below 0.1 % of its start, judged from the first 2000
+                         walkers and, where they sink into their noise first,
+                         carried on at their decay rate, to at most four times
+                         that echo)
   --gradient T/m         uniform gradient along B0 (default 0)
   --field FILE.mhd       the field map to walk through
   -h, --help             this text
@@ -115,11 +117,13 @@ std::string cpmgFingerprint(const CpmgOptions& options, const EchoSpacingPlan& p
 }
 
 void writeCpmgOutputs(const std::vector<EchoTrain>& trains, std::ostream& err) {
+    // Amplitudes with every digit of their double, so that the same bits at any process
+    // count can be seen in the file; times with ten.
     std::ostringstream decay, distribution;
     for (const EchoTrain& train : trains) {
         for (std::size_t k = 0; k < train.times.size(); ++k) {
-            decay << train.echoSpacingMs << " " << train.times[k] << " " << train.amplitudes[k]
-                  << "\n";
+            decay << std::setprecision(10) << train.echoSpacingMs << " " << train.times[k] << " "
+                  << std::setprecision(17) << train.amplitudes[k] << "\n";
         }
         for (std::size_t j = 0; j < train.distribution.t2.size(); ++j) {
             distribution << train.echoSpacingMs << " " << train.distribution.t2[j] << " "

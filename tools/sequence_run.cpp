@@ -2,12 +2,17 @@
 
 #include <mpi.h>
 
+#include <algorithm>
+#include <climits>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 
 #include "common/exception.h"
 #include "field/dipole_field.h"
 #include "field/field_file.h"
 #include "mpi/message_passing.h"
+#include "mpi/node_shared_memory.h"
 #include "params/parameter_broadcast.h"
 #include "params/parameter_file.h"
 #include "sequence/field_share.h"
@@ -69,6 +74,12 @@ bool SequenceRun::allSucceed(const std::function<void()>& step) {
 bool SequenceRun::prepare(const std::optional<std::string>& fieldFile) {
     parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
     if (!parameters_) return false;
+    if (!agree([&] {
+            if (parameters_->numberOfWalkers() <= 0)
+                throw Exception("numberOfWalkers must be above 0: " +
+                                std::to_string(parameters_->numberOfWalkers()));
+        }))
+        return false;
     if (!readFieldSettings()) return false;
     if (fieldFile && !agree([&] {
             if (!fieldSettings_)
@@ -88,6 +99,13 @@ bool SequenceRun::prepare(const std::optional<std::string>& fieldFile) {
     RandomStream unused(streamSeed(parameters_->randomSeed(), rank_));
     grid_ = distributeGridAndWalkers(request, unused, none, std::cout);
     if (!grid_) return false;
+    // Walkers start in pore: a grid (or region) without any would never place one.
+    if (!agree([&] {
+            if (grid_.grid().counter(Mineral::Pore) == 0)
+                throw Exception("The grid holds no pore cell to start a walker in: " +
+                                parameters_->grid());
+        }))
+        return false;
     if (!distributeField(fieldFile)) return false;
     status_ = pollJobStatus(JobStatus::Running, rank_, std::cout);
     return status_ == JobStatus::Running;
@@ -142,6 +160,7 @@ bool SequenceRun::distributeField(const std::optional<std::string>& fieldFile) {
             return;
         }
         mpi::broadcast(table.data(), static_cast<int>(table.size()), kRoot);
+        requireFieldMemory(*topology, size);
         field::FieldOptions options;
         options.direction = static_cast<field::Axis>(staticField_.axis);
         field_ =
@@ -149,8 +168,40 @@ bool SequenceRun::distributeField(const std::optional<std::string>& fieldFile) {
     });
 }
 
+void SequenceRun::requireFieldMemory(const mpi::NodeTopology& topology,
+                                     const field::Extent& size) const {
+    // The computation's transforms on every process of the busiest node, and the field it
+    // then holds once per node, against what that node has left with the grid loaded.
+    const std::uint64_t perProcess = field::fieldMemoryBytes(size, field::kDefaultPadding, size_);
+    const std::uint64_t shared = BrickLayout(size[0], size[1], size[2]).cells() * sizeof(float);
+    const std::uint64_t nodeBytes =
+        perProcess * static_cast<std::uint64_t>(topology.nodeSize()) + shared;
+    auto needs = static_cast<long long>(std::min<std::uint64_t>(nodeBytes, LLONG_MAX));
+    auto has = topology.isLeader() ? static_cast<long long>(std::min<std::uint64_t>(
+                                         mpi::availableMemoryBytes(), LLONG_MAX))
+                                   : LLONG_MAX;
+    needs = mpi::allReduce(needs, MPI_MAX);
+    has = mpi::allReduce(has, MPI_MIN);
+    if (needs > has) {
+        throw MemoryAllocationException(
+            "Not enough memory to compute the field: about " + std::to_string(needs >> 20) +
+            " MiB a node needed, " + std::to_string(has >> 20) +
+            " MiB available: use more nodes, or compute it with nmrwalk-field and give --field");
+    }
+}
+
 WalkerRange SequenceRun::walkers() const {
     return walkerRange(parameters_->numberOfWalkers(), rank_, size_);
+}
+
+std::string SequenceRun::fieldFingerprint() const {
+    if (!fieldSettings_) return "no field";
+    std::ostringstream text;
+    text << std::setprecision(17) << "B0 " << fieldSettings_->staticField << " along "
+         << fieldSettings_->staticFieldDirection << "; susceptibilities";
+    for (const auto& [code, chi] : fieldSettings_->volumeSusceptibility.entries())
+        text << " " << static_cast<int>(code) << "=" << chi;
+    return text.str();
 }
 
 RunControl SequenceRun::control(const std::string& walk, std::uint32_t walkers,
@@ -167,7 +218,7 @@ RunControl SequenceRun::control(const std::string& walk, std::uint32_t walkers,
         try {
             return runFingerprint(encodeParameters(*parameters_), parameters_->grid(),
                                   parameters_->randomSeed(), size_, grid_.compressed() != nullptr) +
-                   "; " + fingerprint;
+                   "; " + fingerprint + "; " + fieldFingerprint();
         } catch (const Exception&) {
             return std::string();
         }

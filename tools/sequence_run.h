@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/progress_bar.h"
+#include "field/dipole_field.h"
 #include "mpi/node_topology.h"
 #include "parallel/grid_distribution.h"
 #include "params/field_settings.h"
@@ -67,6 +68,11 @@ public:
 private:
     bool readFieldSettings();
     bool distributeField(const std::optional<std::string>& fieldFile);
+    // Collective: throws MemoryAllocationException on every process when a node cannot
+    // hold the field's computation and the field.
+    void requireFieldMemory(const mpi::NodeTopology& topology, const field::Extent& size) const;
+    // B0, its axis and the susceptibilities, for the checkpoints' fingerprint (process 0).
+    std::string fieldFingerprint() const;
 
     std::string experiment_;
     int rank_;

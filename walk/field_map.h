@@ -38,21 +38,20 @@ public:
     }
 
     // Trilinear between the eight cell centres around a position in voxel units. The
-    // walker walks through the mirrored extension of the grid; the field there is the mirror
-    // image of the grid's, so a position outside is first reflected into the grid, and
-    // within half a cell of a face the field is that of the edge cell (the mirror image has
-    // no slope across the face).
+    // walker walks through the mirrored extension of the grid, whose cells repeat as
+    // MirrorAxis says (mirrored about the centres of the edge cells, a period of 2 (n - 1)
+    // cells); the field there is the mirror image of the grid's, so a position outside is
+    // first reflected the same way.
     double interpolate(double x, double y, double z) const {
-        const double u = fold(x, nx_) - 0.5, v = fold(y, ny_) - 0.5, w = fold(z, nz_) - 0.5;
-        // u >= -0.5, so truncating u + 1 gives floor(u) + 1 without a call to floor.
-        const auto fu = static_cast<std::int64_t>(u + 1.0) - 1;
-        const auto fv = static_cast<std::int64_t>(v + 1.0) - 1;
-        const auto fw = static_cast<std::int64_t>(w + 1.0) - 1;
-        const double a = u - static_cast<double>(fu), b = v - static_cast<double>(fv),
-                     c = w - static_cast<double>(fw);
-        const std::uint64_t x0 = layout_.offsetX(low(fu)), x1 = layout_.offsetX(high(fu, nx_));
-        const std::uint64_t y0 = layout_.offsetY(low(fv)), y1 = layout_.offsetY(high(fv, ny_));
-        const std::uint64_t z0 = layout_.offsetZ(low(fw)), z1 = layout_.offsetZ(high(fw, nz_));
+        const double u = fold(x, nx_), v = fold(y, ny_), w = fold(z, nz_);
+        // u >= 0: truncation is the floor, without a call to floor.
+        const auto fu = static_cast<std::uint32_t>(u);
+        const auto fv = static_cast<std::uint32_t>(v);
+        const auto fw = static_cast<std::uint32_t>(w);
+        const double a = u - fu, b = v - fv, c = w - fw;
+        const std::uint64_t x0 = layout_.offsetX(fu), x1 = layout_.offsetX(next(fu, nx_));
+        const std::uint64_t y0 = layout_.offsetY(fv), y1 = layout_.offsetY(next(fv, ny_));
+        const std::uint64_t z0 = layout_.offsetZ(fw), z1 = layout_.offsetZ(next(fw, nz_));
         auto cell = [this](std::uint64_t i, std::uint64_t j, std::uint64_t k) -> double {
             return values_[i + j + k];
         };
@@ -66,22 +65,21 @@ public:
     }
 
 private:
-    // The coordinate reflected into [0, n] at the faces of the grid.
+    // The coordinate, in voxels, reflected into the cell centres' span [0.5, n - 0.5] about
+    // its ends, less 0.5: from 0 to n - 1, in units of cells from the first centre.
     static double fold(double x, std::uint32_t n) {
-        const double size = n;
-        if (x >= 0.0 && x <= size) [[likely]]
-            return x;
-        double m = std::fmod(x, 2.0 * size);
-        if (m < 0.0) m += 2.0 * size;
-        return m > size ? 2.0 * size - m : m;
+        const double last = static_cast<double>(n) - 1.0;
+        const double u = x - 0.5;
+        if (u >= 0.0 && u <= last) [[likely]]
+            return u;
+        if (n == 1) return 0.0;
+        double m = std::fmod(u, 2.0 * last);
+        if (m < 0.0) m += 2.0 * last;
+        return m > last ? 2.0 * last - m : m;
     }
-    // The cells either side of a cell-centre coordinate's floor (from -1 to n - 1), kept
-    // inside the grid.
-    static std::uint32_t low(std::int64_t floor) {
-        return static_cast<std::uint32_t>(std::max<std::int64_t>(floor, 0));
-    }
-    static std::uint32_t high(std::int64_t floor, std::uint32_t n) {
-        return static_cast<std::uint32_t>(std::min<std::int64_t>(floor + 1, n - 1));
+    // The cell after a floor, kept inside the grid (the floor is n - 1 at the last centre).
+    static std::uint32_t next(std::uint32_t floor, std::uint32_t n) {
+        return floor + 1 < n ? floor + 1 : floor;
     }
 
     std::shared_ptr<const void> owner_;

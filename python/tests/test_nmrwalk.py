@@ -323,14 +323,15 @@ def test_cpmg_has_the_bits_of_the_sequence_program(tmp_path):
                      "Clay: 2.0e-04}\n  staticField: 0.2\n")
     subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "cpmg", "--echo-spacing", "0.5,2"],
                    cwd=tmp_path, check=True, capture_output=True)
-    written = (tmp_path / "cpmg.out").read_text().splitlines()
+    written = np.loadtxt(tmp_path / "cpmg.out")
     from_dict = nmrwalk.cpmg(labels, 2.5, values, [0.5, 2], minerals=MINERALS)
     given = nmrwalk.field(labels, 2.5, SUSCEPTIBILITY, minerals=MINERALS)
     from_file = nmrwalk.cpmg(labels, 2.5, path, (0.5, 2), field=given, minerals=MINERALS)
     for trains in (from_dict, from_file):
-        lines = ["%g %g %g" % (train.echo_spacing_ms, t, a)
-                 for train in trains for t, a in zip(train.time_ms, train.amplitude)]
-        assert lines == written
+        # The file holds every digit of the amplitudes.
+        assert np.array_equal(np.concatenate([train.amplitude for train in trains]),
+                              written[:, 2])
+        assert np.allclose(np.concatenate([train.time_ms for train in trains]), written[:, 1])
     # In this field the longer spacing dephases more.
     assert from_dict[1].t2lm_ms < from_dict[0].t2lm_ms
 
@@ -340,9 +341,10 @@ def test_cpmg_has_the_bits_of_the_sequence_program(tmp_path):
     ({"echoes": 0}, "echoes must be from 1"),
     ({"field": np.zeros((3, 3, 3))}, "field must have the shape of the walked grid"),
     ({"field": np.full((10, 32, 22), np.nan)}, "not finite"),
+    ({"labels": np.full((10, 32, 22), 20)}, "no pore"),
 ])
 def test_cpmg_refuses_bad_input(changes, message):
-    arguments = {"echo_spacing_ms": 1.0, **changes}
+    arguments = {"labels": rock(), "echo_spacing_ms": 1.0, **changes}
     values = settings(numberOfWalkers=50, staticField=0.2)
     with pytest.raises(ValueError, match=message):
-        nmrwalk.cpmg(rock(), 2.5, values, minerals=MINERALS, **arguments)
+        nmrwalk.cpmg(cell_size_um=2.5, params=values, minerals=MINERALS, **arguments)

@@ -6,10 +6,12 @@
 #include <vector>
 
 #include "grid/byte_mineral_grid.h"
+#include "sequence/cpmg.h"
 #include "sequence/echo_train.h"
 #include "simulation/exact_sums.h"
 #include "walk/field_map.h"
 #include "walk/stable_trig.h"
+#include "walk/walker.h"
 
 namespace nmr {
 namespace {
@@ -20,8 +22,8 @@ std::shared_ptr<ByteMineralGrid> porousBox(std::uint32_t n) {
 }
 
 TEST(PhaseWalk, FrozenSpinsRefocusExactlyInAnyStaticField) {
-    // Walkers that never move (a step of length 0) in a field that varies from cell to cell
-    // and a gradient: the pi pulses cancel every phase at every echo, to the last bit. A
+    // Walkers that never move (a step of length 0) in a field that varies from cell to cell:
+    // the pi pulses cancel every phase at every echo, to the last bit. A
     // pulse left out, or put at the echo instead of half-way, leaves phases of order 1.
     const auto grid = porousBox(6);
     std::vector<float> cells(216);
@@ -34,7 +36,6 @@ TEST(PhaseWalk, FrozenSpinsRefocusExactlyInAnyStaticField) {
     plan.echoes = 40;
     plan.table.assign(Mineral::count(), 0.0);
     plan.fieldPhase = 3e4;  // rad per unit of dB/B0 per step: 0.3 rad a step here
-    plan.gradientPhase = 0.7;
     const WalkGridView<ByteMineralGrid> view = makeWalkGridView(*grid);
     for (std::uint64_t w = 0; w < 20; ++w) {
         CounterStream stream(3, w);
@@ -94,10 +95,37 @@ TEST(FieldMap, BricksHoldEveryCellAndInterpolationIsTrilinearAndMirrored) {
     EXPECT_DOUBLE_EQ(field.interpolate(2.5, 0.5, 3.5), cells[3 * nx + 2]);
     EXPECT_DOUBLE_EQ(field.interpolate(2.75, 0.3, 3.5), cells[3 * nx + 2] + 0.25);
     EXPECT_DOUBLE_EQ(field.interpolate(2.5, 0.9, 4.25), cells[3 * nx + 2] + 0.75 * nx);
-    // ...is flat within half a cell of a face, and mirrored beyond it.
-    EXPECT_DOUBLE_EQ(field.interpolate(0.2, 0.5, 0.5), 0.0);
-    EXPECT_DOUBLE_EQ(field.interpolate(-2.25, 0.5, 0.5), field.interpolate(2.25, 0.5, 0.5));
-    EXPECT_DOUBLE_EQ(field.interpolate(9.0, 0.5, 0.5), field.interpolate(5.0, 0.5, 0.5));
+    // Outside, the field follows the walk's mirrored extension of the rock: at the centre
+    // of every cell of the extension it is the value of the grid's cell that the walk reads
+    // there. Reflecting at the faces instead puts it a cell off past the first face, and
+    // further at every image.
+    MirrorAxis mirrorX(nx), mirrorZ(nz);
+    for (int i = -40; i < 40; ++i) {
+        const std::uint32_t x = mirrorX(i), z = mirrorZ(i);
+        ASSERT_DOUBLE_EQ(field.interpolate(i + 0.5, 7.5, i + 0.5), cells[z * nx + x]) << i;
+    }
+    EXPECT_DOUBLE_EQ(field.interpolate(-0.25, 0.5, 0.5), field.interpolate(1.25, 0.5, 0.5));
+}
+
+}  // namespace
+}  // namespace nmr
+
+namespace nmr {
+namespace {
+
+TEST(EchoCount, ReachesTheFloorOrExtrapolatesFromWhereTheSignalSinksIntoItsNoise) {
+    // exp(-k / 100) falls below 0.1 % at echo 692 (k = 691).
+    std::vector<double> signal(1000), quiet(1000, 0.0), noisy(1000, 0.01);
+    for (std::size_t k = 0; k < signal.size(); ++k)
+        signal[k] = std::exp(-static_cast<double>(k) / 100.0);
+    EXPECT_EQ(echoesToFloor(signal, quiet), 692u);
+    // With a standard error of 0.01 it sinks below 3 of them at k = 351; the rate of the
+    // half train before it carries it on to the same echo.
+    const auto extrapolated = echoesToFloor(signal, noisy);
+    ASSERT_TRUE(extrapolated.has_value());
+    EXPECT_NEAR(*extrapolated, 692.0, 2.0);
+    // A train that neither falls nor sinks gives no count.
+    EXPECT_FALSE(echoesToFloor(std::vector<double>(50, 0.5), quiet).has_value());
 }
 
 }  // namespace

@@ -128,6 +128,10 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
          "holds nan at cell (0, 0, 0)"},
         {{{"staticField", "0.0"}}, {"--echo-spacing", "1"}, "", "staticField"},
         {{}, {"--echo-spacing", "1", "--bogus"}, "", "Unknown option: --bogus"},
+        {{{"numberOfWalkers", "0"}},
+         {"--echo-spacing", "1"},
+         "",
+         "numberOfWalkers must be above 0"},
     };
     for (const Case& c : cases) {
         writeParameters(c.changes);
@@ -149,9 +153,10 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
 }
 
 // ABORT stops the second echo train; the first stays as a checkpoint, and the run taken up
-// again writes what an uninterrupted one writes and leaves no checkpoint behind.
+// again writes what an uninterrupted one writes and leaves no checkpoint behind. The
+// walkers do not divide evenly: the finished train's checkpoints stand at different walkers.
 TEST_F(SequenceTool, AbortedRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
-    writeParameters({{"numberOfWalkers", "3000"}, {"checkpointInterval", "0.2"}});
+    writeParameters({{"numberOfWalkers", "3001"}, {"checkpointInterval", "0.2"}});
     const std::vector<std::string> arguments = {"--echo-spacing", "0.4,0.2", "--echoes", "400"};
     const auto whole = sequence(2, arguments);
     ASSERT_EQ(whole.exitStatus, 0) << whole.output << whole.errorOutput;
@@ -171,7 +176,7 @@ TEST_F(SequenceTool, AbortedRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
 
     const auto again = sequence(2, arguments);
     ASSERT_EQ(again.exitStatus, 0) << again.output << again.errorOutput;
-    EXPECT_NE(again.output.find("Resuming from checkpoint: 3000 of 3000 walkers"),
+    EXPECT_NE(again.output.find("Resuming from checkpoint: 3001 of 3001 walkers"),
               std::string::npos)
         << again.output;
     EXPECT_TRUE(dir_.read("cpmg.out") == reference);
