@@ -76,7 +76,7 @@ public:
         const auto n = get<std::uint64_t>();
         if (n > left() / sizeof(T)) throw Exception("Recorded walk ends early");
         std::vector<T> values(n);
-        std::memcpy(values.data(), bytes_.data() + at_, n * sizeof(T));
+        if (n > 0) std::memcpy(values.data(), bytes_.data() + at_, n * sizeof(T));
         at_ += n * sizeof(T);
         return values;
     }
