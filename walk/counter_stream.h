@@ -25,12 +25,17 @@ public:
     // Uniform in [1, 2), as the process streams draw: the top 52 bits of a 64-bit word as
     // the mantissa of a double of exponent 0.
     double next() {
-        if (at_ == kBuffered) [[unlikely]]
-            refill();
-        const std::uint64_t bits = (block_[at_++] >> 12) | 0x3FF0000000000000ull;
+        const std::uint64_t bits = (word() >> 12) | 0x3FF0000000000000ull;
         double value;
         std::memcpy(&value, &bits, sizeof value);
         return value;
+    }
+
+    // The next 64-bit word itself, for a caller that makes several numbers of one.
+    std::uint64_t word() {
+        if (at_ == kBuffered) [[unlikely]]
+            refill();
+        return block_[at_++];
     }
 
     // Blocks of four drawn so far.

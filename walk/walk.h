@@ -43,19 +43,16 @@ struct AbsorbAtWall {
     bool operator()(Mineral::Type code, double u) const { return absorption[code] > u - 1.0; }
 };
 
-// One step of length s (voxels); true when the walk of this walker ends here. The
-// direction is a point of the cube [-1, 1)^3 scaled to length s, not a point on the
-// sphere (no rejection outside the unit ball); the draws go z, y, x. A step into a solid
-// voxel draws one more number u and asks atWall(code, u): true ends the walk with the
-// walker on the wall, false undoes the step, which still takes its time. `draw` yields
-// the stream's next number in [1, 2); `mineralAt` maps a position to the mineral of the
-// voxel under it (mirrored).
+// One step of length s (voxels) along a direction (dx, dy, dz) of the cube [-1, 1)^3, not
+// all zero, scaled to length s; true when the walk of this walker ends here. A step into a
+// solid voxel draws one more number u and asks atWall(code, u): true ends the walk with the
+// walker on the wall, false undoes the step, which still takes its time. `draw` yields the
+// stream's next number in [1, 2); `mineralAt` maps a position to the mineral of the voxel
+// under it (mirrored).
 template <typename Draw, typename Locate, typename AtWall>
-[[gnu::always_inline]] inline bool step(Draw&& draw, Locate&& mineralAt, double& x, double& y,
-                                        double& z, double s, AtWall& atWall) {
-    const double dz = 2.0 * (draw() - 1.0) - 1.0;
-    const double dy = 2.0 * (draw() - 1.0) - 1.0;
-    const double dx = 2.0 * (draw() - 1.0) - 1.0;
+[[gnu::always_inline]] inline bool stepAlong(double dx, double dy, double dz, Draw&& draw,
+                                             Locate&& mineralAt, double& x, double& y, double& z,
+                                             double s, AtWall& atWall) {
     const double q = dz * dz + (dx * dx + dy * dy);
     const double f = s / squareRoot(q);
     const double nextX = x + f * dx;
@@ -76,6 +73,18 @@ template <typename Draw, typename Locate, typename AtWall>
     y = nextY;
     z = nextZ;
     return false;
+}
+
+// One step of nmrwalk's walk: the direction is a point of the cube [-1, 1)^3, three draws
+// taken z, y, x, then the step goes as stepAlong says (a point of the cube, not of the
+// sphere: no rejection outside the unit ball).
+template <typename Draw, typename Locate, typename AtWall>
+[[gnu::always_inline]] inline bool step(Draw&& draw, Locate&& mineralAt, double& x, double& y,
+                                        double& z, double s, AtWall& atWall) {
+    const double dz = 2.0 * (draw() - 1.0) - 1.0;
+    const double dy = 2.0 * (draw() - 1.0) - 1.0;
+    const double dx = 2.0 * (draw() - 1.0) - 1.0;
+    return stepAlong(dx, dy, dz, draw, mineralAt, x, y, z, s, atWall);
 }
 
 // The mineral at a position in the mirrored extension of a view's grid, each axis keeping
