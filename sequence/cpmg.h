@@ -24,8 +24,7 @@ struct CpmgRequest {
     double gradient = 0.0;  // T/m
 };
 
-// The field in which the walkers gather phase: B0 (T) along axis 0, 1 or 2, and the map of
-// dB/B0 when there is one.
+// The static field in which the walkers gather phase: B0 (T) along axis 0 (x), 1 or 2.
 struct StaticField {
     double b0 = 0.0;
     int axis = 2;

@@ -69,6 +69,13 @@ std::vector<std::pair<double, double>> columns(const std::string& text) {
     return points;
 }
 
+CommandResult makeClayPack(const std::filesystem::path& directory, const std::string& size) {
+    return runCommand({programPath("nmrwalk-grid"), "pack", "--size", size, "--cell-size", "2",
+                       "--radius", "4", "--porosity", "0.35", "--clay-thickness", "1",
+                       "--clay-fraction", "0.5", "--seed", "5", "-o", "rock.binc"},
+                      directory);
+}
+
 std::string parameterFile(const std::vector<std::pair<std::string, std::string>>& changes) {
     // Few walkers and strongly absorbing quartz keep a run short even in the sanitizer build;
     // each test changes only what it is about.

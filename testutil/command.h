@@ -47,6 +47,11 @@ std::vector<std::string> lines(const std::string& text);
 // The (time, amplitude) pairs of a two-column output file such as T2decay.out.
 std::vector<std::pair<double, double>> columns(const std::string& text);
 
+// Writes rock.binc in `directory` with nmrwalk-grid: a grain pack of `size` cells ("NXxNYxNZ")
+// of 2 um, grains of radius 4 cells, porosity 0.35, and clay one cell thick on half the
+// grains.
+CommandResult makeClayPack(const std::filesystem::path& directory, const std::string& size);
+
 // The parameter file of a small run on rock.binc. Each (key, value) of changes replaces the
 // value of that key, or adds the key when the file has none (checkpointInterval, say).
 std::string parameterFile(const std::vector<std::pair<std::string, std::string>>& changes = {});

@@ -112,15 +112,7 @@ bool SequenceRun::prepare(const std::optional<std::string>& fieldFile) {
 }
 
 bool SequenceRun::readFieldSettings() {
-    std::string encoded;
-    const bool ok = agree([&] {
-        std::optional<FieldSettings> settings = readOptionalFieldSettings(kParameterPath);
-        if (!settings) return;
-        encoded = std::string(1, settings->staticFieldDirection) + " " +
-                  std::to_string(settings->staticField);
-        fieldSettings_ = std::move(settings);
-    });
-    if (!ok) return false;
+    if (!agree([&] { fieldSettings_ = readOptionalFieldSettings(kParameterPath); })) return false;
     // Every process needs B0 and its axis, only process 0 the susceptibilities (it reads
     // them again where the field is computed in slabs: see distributeField).
     double b0 = fieldSettings_ ? fieldSettings_->staticField : 0.0;

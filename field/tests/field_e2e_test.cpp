@@ -18,11 +18,7 @@ protected:
     // 20 x 94 x 10 cells: the padded length of y, 189, is one where FFTW's double transforms
     // differ between CPUs with and without FMA.
     void SetUp() override {
-        const auto made =
-            runCommand({programPath("nmrwalk-grid"), "pack", "--size", "20x94x10", "--cell-size",
-                        "2", "--radius", "4", "--porosity", "0.35", "--clay-thickness", "1",
-                        "--clay-fraction", "0.5", "--seed", "5", "-o", "rock.binc"},
-                       dir_.path());
+        const auto made = makeClayPack(dir_.path(), "20x94x10");
         ASSERT_EQ(made.exitStatus, 0) << made.errorOutput;
     }
     void writeParameters(std::vector<std::pair<std::string, std::string>> changes = {}) {

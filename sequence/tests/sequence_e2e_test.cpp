@@ -28,11 +28,7 @@ const std::vector<std::pair<std::string, std::string>> kRock = {
 class SequenceTool : public ::testing::Test {
 protected:
     void SetUp() override {
-        const auto made =
-            runCommand({programPath("nmrwalk-grid"), "pack", "--size", "24x24x24", "--cell-size",
-                        "2", "--radius", "4", "--porosity", "0.35", "--clay-thickness", "1",
-                        "--clay-fraction", "0.5", "--seed", "5", "-o", "rock.binc"},
-                       dir_.path());
+        const auto made = makeClayPack(dir_.path(), "24x24x24");
         ASSERT_EQ(made.exitStatus, 0) << made.errorOutput;
     }
     void writeParameters(std::vector<std::pair<std::string, std::string>> changes = {}) {

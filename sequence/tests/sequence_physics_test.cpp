@@ -81,11 +81,7 @@ TEST(CpmgPhysics, FreeDiffusionInAUniformGradientDecaysAsTheClosedForm) {
 TEST(CpmgPhysics, WithoutFieldOrGradientTheTrainIsNmrwalksDecay) {
     using namespace nmr::test;
     TempDir dir("nmr_cpmg_physics");
-    const auto made =
-        runCommand({programPath("nmrwalk-grid"), "pack", "--size", "24x24x24", "--cell-size", "2",
-                    "--radius", "4", "--porosity", "0.35", "--clay-thickness", "1",
-                    "--clay-fraction", "0.5", "--seed", "5", "-o", "rock.binc"},
-                   dir.path());
+    const auto made = makeClayPack(dir.path(), "24x24x24");
     ASSERT_EQ(made.exitStatus, 0) << made.errorOutput;
     constexpr int kWalkers = 20000;
     const double quartz = 2e-5, clay = 3e-5, cellSize = 2e-6;
