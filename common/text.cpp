@@ -2,8 +2,11 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
+#include <iomanip>
 #include <limits>
+#include <sstream>
 #include <vector>
 
 #include "common/exception.h"
@@ -55,6 +58,30 @@ std::array<std::uint32_t, 3> parseTriple(const std::string& text, const std::str
         result[i] = static_cast<std::uint32_t>(v);
     }
     return result;
+}
+
+std::vector<double> parsePositiveList(const std::string& text, const std::string& what) {
+    std::vector<double> values;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, ',');) {
+        const double value = parseDouble(part, what);
+        if (!(value > 0.0)) throw Exception(what + ": " + text);
+        values.push_back(value);
+    }
+    if (values.empty()) throw Exception(what + ": " + text);
+    return values;
+}
+
+std::string shortNumber(double value) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", value);
+    return text;
+}
+
+std::string fullNumber(double value) {
+    std::ostringstream text;
+    text << std::setprecision(17) << value;
+    return text.str();
 }
 
 }  // namespace nmr

@@ -4,8 +4,8 @@
 
 #include "analysis/t2_summary.h"
 #include "common/exception.h"
-#include "walk/absorption_table.h"
-#include "walk/step_schedule.h"
+#include "common/text.h"
+#include "sequence/step_plan.h"
 
 namespace nmr {
 
@@ -13,40 +13,20 @@ namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
 
-std::string shown(double value) {
-    char text[32];
-    std::snprintf(text, sizeof text, "%g", value);
-    return text;
-}
-
 }  // namespace
 
 EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parameters,
                                 double cellSizeM, double echoSpacingMs, double gradient,
                                 const StaticField& field) {
     if (!(echoSpacingMs > 0.0) || !std::isfinite(echoSpacingMs))
-        throw Exception("An echo spacing must be a positive number of ms: " + shown(echoSpacingMs));
-    const double diffusion = parameters.diffusionConstantWater();
-    if (!(diffusion > 0.0))
-        throw Exception("The phase walk needs a positive diffusionConstantWater in nmr.yaml: " +
-                        shown(diffusion));
-    if (!(cellSizeM > 0.0))
-        throw Exception("The grid's cell size is not positive: " + shown(cellSizeM));
-    const double nominalStep = parameters.stepLength() > 0.0 ? parameters.stepLength() : 0.5;
-    const double nominalTau = stepDuration(cellSizeM, nominalStep, diffusion);
-    // A ratio a few units in the last place above a whole number is that number: the step
-    // of nmr.yaml is kept whenever it divides the half echo.
-    const double steps = std::ceil(0.5 * echoSpacingMs / nominalTau * (1.0 - 1e-12));
-    const auto n = static_cast<std::uint32_t>(
-        std::clamp(steps, static_cast<double>(kLeastStepsPerHalfEcho), 1e9));
+        throw Exception("An echo spacing must be a positive number of ms: " + shortNumber(echoSpacingMs));
+    StepPlan steps = planSteps(parameters, cellSizeM, 0.5 * echoSpacingMs);
     EchoSpacingPlan plan;
     plan.echoSpacingMs = echoSpacingMs;
-    plan.tauMs = 0.5 * echoSpacingMs / n;
-    // (a s)^2 = 6 D tau: the step whose duration is tau.
-    plan.phase.step = std::sqrt(6.0 * diffusion * plan.tauMs / 1000.0) / cellSizeM;
-    plan.phase.stepsPerHalfEcho = n;
-    buildAbsorptionTable(parameters.surfaceRelaxationStrengthWater(), plan.phase.step, cellSizeM,
-                         diffusion, plan.phase.table);
+    plan.tauMs = steps.tauMs;
+    plan.phase.step = steps.step;
+    plan.phase.stepsPerHalfEcho = steps.steps;
+    plan.phase.table = std::move(steps.table);
     const double gamma = kTwoPi * parameters.gyroMagneticRatio();
     const double tauSeconds = plan.tauMs / 1000.0;
     plan.phase.fieldPhase = gamma * field.b0 * tauSeconds;
@@ -99,7 +79,7 @@ std::string clayWarning(const NuclearMagneticResonanceParameters& parameters,
     const bool clay = Mineral::Clay < counters.size() && counters[Mineral::Clay] > 0;
     if (!clay || !(parameters.clayMicroPorosity() > 0.0)) return {};
     return "Warning: the rock holds Clay and clayMicroPorosity is " +
-           shown(parameters.clayMicroPorosity()) +
+           shortNumber(parameters.clayMicroPorosity()) +
            ": the signal of the water in the clay's micro-pores, part of nmrwalk's decay, is "
            "not part of this echo train, which holds the walkers' signal alone. Set "
            "clayMicroPorosity to 0 to compare the two.";

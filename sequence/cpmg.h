@@ -7,6 +7,7 @@
 
 #include "params/nmr_parameters.h"
 #include "sequence/echo_train.h"
+#include "sequence/step_plan.h"
 #include "t2/t2_inversion.h"
 
 // A CPMG echo train that feels the rock's internal field and an applied gradient, by the
@@ -30,15 +31,14 @@ struct StaticField {
     int axis = 2;
 };
 
-// What one echo spacing is walked with. A half echo is stepsPerHalfEcho steps of tau; the
-// step is shortened from nmr.yaml's stepLength (never lengthened) so that a whole number of
-// at least kLeastStepsPerHalfEcho steps makes exactly half the echo spacing.
+// What one echo spacing is walked with. A half echo is stepsPerHalfEcho steps of tau, as
+// planSteps fills it.
 struct EchoSpacingPlan {
     double echoSpacingMs = 0.0;
     double tauMs = 0.0;
     PhasePlan phase;  // echoes still 0 until counted
 };
-inline constexpr std::uint32_t kLeastStepsPerHalfEcho = 8;
+inline constexpr std::uint32_t kLeastStepsPerHalfEcho = kLeastSteps;
 // The echo count when the signal never falls below 0.1 % of its start.
 inline constexpr std::uint32_t kMostEchoes = 100000;
 

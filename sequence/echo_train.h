@@ -17,7 +17,7 @@ namespace nmr {
 // tally is the sum over walkers of cos(phase) at every echo (0 for a walker absorbed
 // before it), exact whatever the division of walkers.
 template <typename G>
-class EchoTrainWalk {
+class EchoTrainWalk : public ExactSumsState {
 public:
     using Tally = ExactSums;
 
@@ -32,13 +32,6 @@ public:
         walkEchoTrain(stream, start, view_, field_, plan_,
                       [&tally](std::uint32_t k, double phase) { tally.add(k, stableCos(phase)); });
     }
-    // The sums are all there is: each walker starts its own stream afresh.
-    std::string save(const Tally& tally) const { return tally.save(); }
-    bool accepts(const std::string& state, const Tally& tally) const {
-        ExactSums copy = tally;
-        return copy.restore(state);
-    }
-    void restore(const std::string& state, Tally& tally) { tally.restore(state); }
 
 private:
     WalkGridView<G> view_;
@@ -48,22 +41,13 @@ private:
     std::uint64_t first_;
 };
 
-// Walks this process's walkers through the echo train: its part of the sums (reduce them
-// with ExactSums::reduce). Nothing when a poll stopped the walk. A finished walk is kept as
-// a checkpoint when checkpoints are on, for a program that walks several trains and is taken
-// up again; that program removes them at its end. Collective over control.comm.
+// Walks this process's walkers through the echo train: walkKept's sums.
 template <typename G>
 std::optional<ExactSums> walkEchoTrains(const G& grid, const FieldMap& field, const PhasePlan& plan,
                                         std::int32_t seed, const WalkerRange& walkers,
                                         RunControl control) {
     EchoTrainWalk<G> experiment(grid, field, plan, seed, walkers.first);
-    ExactSums sums = experiment.emptyTally();
-    RunCore core(std::move(control));
-    const std::uint32_t from = core.resume(experiment, sums, walkers.count);
-    if (!core.walk(experiment, sums, walkers.count, from).completed) return std::nullopt;
-    // Every process, whatever its walkers: the call is collective.
-    core.checkpointNow(experiment, sums, walkers.count, walkers.count);
-    return sums;
+    return walkKept(experiment, walkers.count, std::move(control));
 }
 
 }  // namespace nmr

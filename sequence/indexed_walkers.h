@@ -1,7 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
+#include "simulation/exact_sums.h"
+#include "simulation/run_core.h"
 #include "walk/counter_stream.h"
 #include "walk/walker.h"
 
@@ -35,6 +39,33 @@ Walker placeWalker(CounterStream& stream, const WalkGridView<G>& view) {
         const double z = static_cast<double>(view.sizeZ) * (stream.next() - 1.0);
         if (view.mineralAt(x, y, z) == Mineral::Pore) return Walker{x, y, z};
     }
+}
+
+// The checkpoint state of an experiment whose tally is exact sums and nothing else: each
+// walker starts its own stream afresh, so the sums are all there is.
+struct ExactSumsState {
+    std::string save(const ExactSums& tally) const { return tally.save(); }
+    bool accepts(const std::string& state, const ExactSums& tally) const {
+        ExactSums copy = tally;
+        return copy.restore(state);
+    }
+    void restore(const std::string& state, ExactSums& tally) { tally.restore(state); }
+};
+
+// Walks this process's `count` walkers of such an experiment: its part of the sums (reduce
+// them with ExactSums::reduce), nothing when a poll stopped the walk. A finished walk is
+// kept as a checkpoint when checkpoints are on, for a program that walks several in turn
+// and is taken up again; that program removes them at its end. Collective over
+// control.comm.
+template <typename E>
+std::optional<ExactSums> walkKept(E& experiment, std::uint32_t count, RunControl control) {
+    ExactSums sums = experiment.emptyTally();
+    RunCore core(std::move(control));
+    const std::uint32_t from = core.resume(experiment, sums, count);
+    if (!core.walk(experiment, sums, count, from).completed) return std::nullopt;
+    // Every process, whatever its walkers: the call is collective.
+    core.checkpointNow(experiment, sums, count, count);
+    return sums;
 }
 
 }  // namespace nmr

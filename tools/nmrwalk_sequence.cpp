@@ -1,8 +1,10 @@
 // nmrwalk-sequence: the experiments a laboratory runs on a rock, simulated by walks in its
-// run directory under mpiexec like nmrwalk: a CPMG echo train that feels the internal field.
+// run directory under mpiexec like nmrwalk: a CPMG echo train that feels the internal field,
+// and pulsed-field-gradient diffusion.
 
 #include <mpi.h>
 
+#include <algorithm>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -11,8 +13,11 @@
 #include "mpi/message_passing.h"
 #include "sequence/cpmg.h"
 #include "sequence/echo_train.h"
+#include "sequence/pfg.h"
 #include "tools/option_parser.h"
+#include "walk/pore_faces.h"
 #include "tools/sequence_cpmg.h"
+#include "tools/sequence_pfg.h"
 #include "tools/sequence_run.h"
 
 namespace {
@@ -25,6 +30,7 @@ constexpr char kUsage[] =
 
 Experiments:
   cpmg    a CPMG echo train in the rock's internal field, per echo spacing
+  pfg     pulsed-field-gradient diffusion with narrow pulses, per diffusion time
 
 "nmrwalk-sequence EXPERIMENT --help" describes each.
 )USAGE";
@@ -33,23 +39,39 @@ struct Command {
     std::string experiment;
     bool help = false;
     CpmgOptions cpmg;
+    PfgRequest pfg;
 };
 
+// The options of each experiment: an option of one given to another is refused.
+const std::vector<std::string> kCpmgOptions = {"--echo-spacing", "--echoes", "--gradient",
+                                               "--field"};
+const std::vector<std::string> kPfgOptions = {"--diffusion-time", "--q-max", "--q-points",
+                                              "--direction"};
+
 Command parseCommand(int argc, char** argv) {
-    const OptionParser parser(
-        argc, argv,
-        {{"--echo-spacing", "--echoes", "--gradient", "--field"}, {"--help"}, {{"-h", "--help"}}});
+    OptionParser::Definition definition{{}, {"--help"}, {{"-h", "--help"}}};
+    definition.valueOptions.insert(kCpmgOptions.begin(), kCpmgOptions.end());
+    definition.valueOptions.insert(kPfgOptions.begin(), kPfgOptions.end());
+    const OptionParser parser(argc, argv, definition);
     Command command;
     command.help = parser.has("--help");
     if (parser.positional().empty()) {
         if (command.help) return command;
-        throw Exception("Give an experiment (cpmg), got none");
+        throw Exception("Give an experiment (cpmg or pfg), got none");
     }
     command.experiment = parser.positional().front();
-    if (command.experiment != "cpmg") throw Exception("Unknown experiment: " + command.experiment);
+    if (command.experiment != "cpmg" && command.experiment != "pfg")
+        throw Exception("Unknown experiment: " + command.experiment);
     if (parser.positional().size() > 1)
         throw Exception("Give one experiment, got also: " + parser.positional()[1]);
-    if (!command.help) command.cpmg = parseCpmgOptions(parser);
+    const bool cpmg = command.experiment == "cpmg";
+    for (const std::string& option : cpmg ? kPfgOptions : kCpmgOptions) {
+        if (parser.has(option))
+            throw Exception(option + " is an option of " + (cpmg ? "pfg" : "cpmg") + " only");
+    }
+    if (command.help) return command;
+    if (cpmg) command.cpmg = parseCpmgOptions(parser);
+    else command.pfg = parsePfgOptions(parser);
     return command;
 }
 
@@ -115,6 +137,64 @@ int runCpmg(SequenceRun& run, const CpmgOptions& options) {
     return SequenceRun::kComplete;
 }
 
+// One walk per diffusion time, each of the run core; the results on process 0.
+int runPfg(SequenceRun& run, const PfgRequest& request) {
+    const NuclearMagneticResonanceParameters& parameters = run.parameters();
+    const double cellSizeM = run.grid().grid().cellSize() * 1e-6;
+    const double d0 = parameters.diffusionConstantWater();
+    const WalkerRange walkers = run.walkers();
+    std::vector<double> times = request.diffusionTimesMs;
+    std::sort(times.begin(), times.end());
+    times.erase(std::unique(times.begin(), times.end()), times.end());
+    std::vector<DiffusionTimePlan> plans(times.size());
+    if (!run.allSucceed([&] {
+            for (std::size_t i = 0; i < times.size(); ++i)
+                plans[i] = planDiffusionTime(parameters, cellSizeM, times[i], request);
+        }))
+        return SequenceRun::kEarlyEnd;
+    std::vector<DiffusionTimeResult> results;
+    for (std::size_t i = 0; i < plans.size(); ++i) {
+        const DiffusionTimePlan& plan = plans[i];
+        if (run.root()) {
+            std::cout << "Diffusion time " << plan.diffusionTimeMs << " ms: " << plan.steps.steps
+                      << " steps of " << plan.steps.step << " voxels (" << plan.steps.tauMs
+                      << " ms)" << std::endl;
+        }
+        RunControl control =
+            run.control("delta" + std::to_string(i), walkers.count, pfgFingerprint(plan));
+        std::optional<ExactSums> sums = run.grid().visit([&](const auto& grid) {
+            return walkDisplacements(grid, plan, parameters.randomSeed(), walkers,
+                                     std::move(control));
+        });
+        if (!sums) return SequenceRun::kEarlyEnd;
+        sums->reduce(MPI_COMM_WORLD, mpi::kRoot);
+        if (!run.agree([&] {
+                results.push_back(diffusionTimeResult(plan, *sums));
+                if (!(results.back().survivors > 0.0))
+                    throw Exception("No walker lived to a diffusion time of " +
+                                    std::to_string(plan.diffusionTimeMs) +
+                                    " ms: surface relaxation absorbed them all");
+                std::cout << "Diffusion time " << plan.diffusionTimeMs << " ms: D "
+                          << results.back().d << " m^2/s, D/D0 " << results.back().d / d0
+                          << std::endl;
+            }))
+            return SequenceRun::kEarlyEnd;
+    }
+    if (!run.agree([&] {
+            const double facesPerVolume = run.grid().visit([&](const auto& grid) {
+                const std::vector<std::uint64_t> faces = poreFaces(grid);
+                double total = 0.0;
+                for (std::uint64_t f : faces) total += static_cast<double>(f);
+                return total / static_cast<double>(grid.counter(Mineral::Pore)) / cellSizeM;
+            });
+            writePfgOutputs(results, d0, std::cerr);
+            std::cout << pfgReport(results, d0, facesPerVolume) << std::flush;
+        }))
+        return SequenceRun::kEarlyEnd;
+    run.complete();
+    return SequenceRun::kComplete;
+}
+
 int runSequence(int argc, char** argv) {
     const int rank = mpi::rank();
     Command command;
@@ -126,10 +206,18 @@ int runSequence(int argc, char** argv) {
         return SequenceRun::kEarlyEnd;
     }
     if (command.help) {
-        if (rank == mpi::kRoot) std::cout << (command.experiment.empty() ? kUsage : kCpmgUsage);
+        if (rank == mpi::kRoot)
+            std::cout << (command.experiment.empty()     ? kUsage
+                          : command.experiment == "pfg" ? kPfgUsage
+                                                        : kCpmgUsage);
         return SequenceRun::kEarlyEnd;
     }
     SequenceRun run(command.experiment);
+    if (command.experiment == "pfg") {
+        // Narrow pulses: the field has no time to act, so none is read or computed.
+        if (!run.prepare(std::nullopt, false)) return SequenceRun::kEarlyEnd;
+        return runPfg(run, command.pfg);
+    }
     if (!run.prepare(command.cpmg.field)) return SequenceRun::kEarlyEnd;
     return runCpmg(run, command.cpmg);
 }

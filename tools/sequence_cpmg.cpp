@@ -67,34 +67,12 @@ spacing on standard output, and cpmg.png (the distributions on one axis). The
 progress bar, ABORT, checkpoints and the exit status are those of nmrwalk.
 )USAGE";
 
-namespace {
-
-std::vector<double> spacingsOf(const std::string& text) {
-    std::vector<double> values;
-    std::istringstream in(text);
-    const std::string what = "--echo-spacing needs echo spacings in ms above 0, as 0.2,1";
-    for (std::string part; std::getline(in, part, ',');) {
-        const double value = parseDouble(part, what);
-        if (!(value > 0.0)) throw Exception(what + ": " + text);
-        values.push_back(value);
-    }
-    if (values.empty()) throw Exception(what + ": " + text);
-    return values;
-}
-
-std::string number(double value) {
-    std::ostringstream text;
-    text << std::setprecision(17) << value;
-    return text.str();
-}
-
-}  // namespace
-
 CpmgOptions parseCpmgOptions(const OptionParser& parser) {
     CpmgOptions options;
     const auto spacing = parser.value("--echo-spacing");
     if (!spacing) throw Exception("Missing option (0.2,1): --echo-spacing");
-    options.request.echoSpacingsMs = spacingsOf(*spacing);
+    options.request.echoSpacingsMs =
+        parsePositiveList(*spacing, "--echo-spacing needs echo spacings in ms above 0, as 0.2,1");
     if (const auto echoes = parser.value("--echoes")) {
         const std::int64_t n = parseInteger(
             *echoes, "--echoes needs a whole number from 1 to " + std::to_string(kMostEchoes));
@@ -111,8 +89,8 @@ CpmgOptions parseCpmgOptions(const OptionParser& parser) {
 }
 
 std::string cpmgFingerprint(const CpmgOptions& options, const EchoSpacingPlan& plan) {
-    return "cpmg; echo spacing " + number(plan.echoSpacingMs) + "; echoes " +
-           std::to_string(plan.phase.echoes) + "; gradient " + number(options.request.gradient) +
+    return "cpmg; echo spacing " + fullNumber(plan.echoSpacingMs) + "; echoes " +
+           std::to_string(plan.phase.echoes) + "; gradient " + fullNumber(options.request.gradient) +
            "; field " + (options.field ? fileChecksum(*options.field) : "of nmr.yaml");
 }
 

@@ -71,7 +71,7 @@ bool SequenceRun::allSucceed(const std::function<void()>& step) {
     return false;
 }
 
-bool SequenceRun::prepare(const std::optional<std::string>& fieldFile) {
+bool SequenceRun::prepare(const std::optional<std::string>& fieldFile, bool walksThroughField) {
     parameters_ = readParametersCollectively(rank_, size_, kParameterPath, std::cout);
     if (!parameters_) return false;
     if (!agree([&] {
@@ -106,7 +106,7 @@ bool SequenceRun::prepare(const std::optional<std::string>& fieldFile) {
                                 parameters_->grid());
         }))
         return false;
-    if (!distributeField(fieldFile)) return false;
+    if (walksThroughField && !distributeField(fieldFile)) return false;
     status_ = pollJobStatus(JobStatus::Running, rank_, std::cout);
     return status_ == JobStatus::Running;
 }

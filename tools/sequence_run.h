@@ -42,9 +42,10 @@ public:
     // Runs step on every process; true only when it went through on all of them.
     bool allSucceed(const std::function<void()>& step);
 
-    // The parameter file, the job's start, the grid (no walkers of nmrwalk's own) and, as
-    // asked, the rock's field. False on every process when any of it failed.
-    bool prepare(const std::optional<std::string>& fieldFile);
+    // The parameter file, the job's start, the grid (no walkers of nmrwalk's own) and, for
+    // an experiment that walks through it, the rock's field: from fieldFile, or computed
+    // when nmr.yaml has what it takes. False on every process when any of it failed.
+    bool prepare(const std::optional<std::string>& fieldFile, bool walksThroughField = true);
 
     const NuclearMagneticResonanceParameters& parameters() const { return *parameters_; }
     const DistributedGrid& grid() const { return grid_; }

@@ -57,6 +57,16 @@ inline CubeDirection cubeDirection(std::uint64_t word) {
             component(word & kMask)};
 }
 
+// One step of a walk on a walker's own stream: the direction from one word (cubeDirection),
+// then nmrwalk's step and kill rule (stepAlong), whose wall test draws a full number.
+template <typename Locate, typename AtWall>
+[[gnu::always_inline]] inline bool counterStep(CounterStream& stream, Locate& mineralAt, double& x,
+                                               double& y, double& z, double s, AtWall& atWall) {
+    const CubeDirection d = cubeDirection(stream.word());
+    auto draw = [&stream]() { return stream.next(); };
+    return stepAlong(d.x, d.y, d.z, draw, mineralAt, x, y, z, s, atWall);
+}
+
 }  // namespace detail
 
 // Walks one walker (a copy) through the echo train, drawing from its own stream, and calls
@@ -73,7 +83,6 @@ template <typename G, typename F, typename OnEcho>
 void walkEchoTrain(CounterStream& stream, Walker walker, const WalkGridView<G>& view,
                    const F& field, const PhasePlan& plan, OnEcho&& onEcho) {
     constexpr std::uint32_t kRun = 16;
-    auto draw = [&stream]() { return stream.next(); };
     detail::MirroredCells<G> mineralAt(view);
     detail::AbsorbAtWall absorb{plan.table.data()};
     double x = walker.x, y = walker.y, z = walker.z;
@@ -93,11 +102,7 @@ void walkEchoTrain(CounterStream& stream, Walker walker, const WalkGridView<G>& 
             for (std::uint32_t done = 0; done < plan.stepsPerHalfEcho; done += kRun) {
                 const std::uint32_t run = std::min(kRun, plan.stepsPerHalfEcho - done);
                 for (std::uint32_t n = 0; n < run; ++n) {
-                    const detail::CubeDirection d = detail::cubeDirection(stream.word());
-                    if (detail::stepAlong(d.x, d.y, d.z, draw, mineralAt, x, y, z, plan.step,
-                                          absorb)) {
-                        return;
-                    }
+                    if (detail::counterStep(stream, mineralAt, x, y, z, plan.step, absorb)) return;
                     runX[n] = x;
                     runY[n] = y;
                     runZ[n] = z;

@@ -12,6 +12,7 @@ Functions:
     field       the internal magnetic field from mineral susceptibilities (as nmrwalk-field)
     cpmg        echo trains in the rock's internal field, per echo spacing (as nmrwalk-sequence)
     invert2d    a D-T2 or T1-T2 map of 2-D data (as nmrwalk-invert --dt2 / --t1t2)
+    pfg         narrow-pulse PFG diffusion: E(q, Delta), D(Delta), S/V, tortuosity
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
     parameter_keys  the keys params may hold
@@ -28,7 +29,7 @@ import warnings
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "cpmg",
+__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "cpmg", "pfg",
            "Train", "read_grid",
            "write_grid", "parameter_keys", "Result", "Error", "MINERALS"]
 
@@ -417,6 +418,42 @@ def cpmg(labels, cell_size_um, params, echo_spacing_ms, echoes=None, gradient=0.
     return [Train(fields) for fields in _nmrwalk.cpmg(
         labels, float(cell_size_um), minerals, path, overrides, seed, spacings,
         None if echoes is None else int(echoes), float(gradient), field)]
+
+
+def pfg(labels, cell_size_um, params, diffusion_time_ms, q_max=None, q_points=16,
+        direction="all", seed=None, minerals=None):
+    """Narrow-pulse pulsed-field-gradient diffusion, as nmrwalk-sequence pfg.
+
+    labels, cell_size_um, params, seed, minerals: as for simulate().
+    diffusion_time_ms: one diffusion time Delta in ms, or a list of them.
+    q_max:             the largest q in 1/m; None takes sqrt(3 / (D0 Delta)) at each Delta.
+    q_points:          q values from 0 to q_max, evenly.
+    direction:         "x", "y", "z" or "all" (the mean of the three axes).
+
+    A walker's signal is its survival times cos(q . (r(Delta) - r(0))); E is the mean over
+    the walkers over the same at q = 0, and b = q^2 Delta. Walked by nmrwalk's step and
+    kill rule, Delta filled by a whole number N >= 8 of steps (see nmrwalk-sequence pfg
+    --help). The same seed gives the bits of nmrwalk-sequence's pfg.out at any process
+    count. Runs with the GIL released.
+
+    Returns a dict of numpy arrays, one row per diffusion time, ascending:
+        diffusion_time_ms;  q (1/m), b (s/m^2), e: each len(times) x q_points;
+        d, d_over_d0:       the initial slope of ln E against b (points with E >= 0.7);
+        msd_d:              <dr^2> / (2 Delta) per axis;
+        surface_to_volume:  1/m from the fit of Mitra's law with its intercept free (NaN
+                            with fewer than three times of D/D0 >= 0.6), with intercept
+                            and short_times_ms, the times it used;
+        tortuosity:         D0 / D at the longest time; steps: N per time.
+    """
+    path, overrides = _parameter_overrides(params, seed)
+    labels, minerals = _native(labels, minerals)
+    if hasattr(diffusion_time_ms, "tolist"):
+        diffusion_time_ms = diffusion_time_ms.tolist()
+    if not isinstance(diffusion_time_ms, (list, tuple)):
+        diffusion_time_ms = [diffusion_time_ms]
+    times = [float(t) for t in diffusion_time_ms]
+    return _nmrwalk.pfg(labels, float(cell_size_um), minerals, path, overrides, seed, times,
+                        None if q_max is None else float(q_max), int(q_points), str(direction))
 
 
 class Map:

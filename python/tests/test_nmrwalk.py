@@ -348,3 +348,33 @@ def test_cpmg_refuses_bad_input(changes, message):
     values = settings(numberOfWalkers=50, staticField=0.2)
     with pytest.raises(ValueError, match=message):
         nmrwalk.cpmg(cell_size_um=2.5, params=values, minerals=MINERALS, **arguments)
+
+
+def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
+    labels = rock()
+    values = settings(numberOfWalkers=500)
+    write_run_directory(tmp_path, labels, values)
+    subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "pfg", "--diffusion-time",
+                    "0.5,0.2", "--q-points", "5", "--direction", "y"],
+                   cwd=tmp_path, check=True, capture_output=True)
+    written = np.loadtxt(tmp_path / "pfg.out")
+    result = nmrwalk.pfg(labels, 2.5, values, [0.5, 0.2], q_points=5, direction="y",
+                         minerals=MINERALS)
+    assert np.array_equal(result["diffusion_time_ms"], [0.2, 0.5])
+    assert np.array_equal(result["e"].ravel(), written[:, 3])
+    assert np.allclose(result["b"].ravel(), written[:, 2])
+    # Walls slow the walkers, and more so the longer they walk.
+    assert result["d_over_d0"][1] < result["d_over_d0"][0] < 1
+
+
+@pytest.mark.parametrize("changes, message", [
+    ({"diffusion_time_ms": 0.0}, "diffusion time must be a positive number"),
+    ({"diffusion_time_ms": 1e-4}, "shorter than one step"),
+    ({"q_max": 0.0}, "q-max must be above 0"),
+    ({"q_points": 1}, "q_points must be from 2"),
+    ({"direction": "w"}, "direction must be"),
+])
+def test_pfg_refuses_bad_input(changes, message):
+    arguments = {"diffusion_time_ms": 1.0, **changes}
+    with pytest.raises(ValueError, match=message):
+        nmrwalk.pfg(rock(), 2.5, settings(numberOfWalkers=50), minerals=MINERALS, **arguments)

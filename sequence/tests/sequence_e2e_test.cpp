@@ -35,13 +35,15 @@ protected:
         changes.insert(changes.begin(), kRock.begin(), kRock.end());
         dir_.write("nmr.yaml", parameterFile(changes));
     }
-    CommandResult sequence(int processes, std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), "cpmg");
+    CommandResult sequence(int processes, std::vector<std::string> arguments,
+                           const std::string& experiment = "cpmg") {
+        arguments.insert(arguments.begin(), experiment);
         return runCommand(launcherCommand(processes, programPath("nmrwalk-sequence"), arguments),
                           dir_.path(), std::chrono::seconds(300), launcherEnvironment());
     }
     bool anyOutput() const {
-        for (const char* name : {"cpmg.out", "cpmg_inversion.out", "cpmg.png"})
+        for (const char* name :
+             {"cpmg.out", "cpmg_inversion.out", "cpmg.png", "pfg.out", "diffusion.out", "pfg.png"})
             if (dir_.exists(name)) return true;
         return false;
     }
@@ -145,6 +147,48 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
             << result.errorOutput;
         EXPECT_NE(result.errorOutput.find(c.message), std::string::npos) << result.errorOutput;
         EXPECT_FALSE(anyOutput()) << c.message;
+    }
+}
+
+// Narrow-pulse PFG: the same bits at any process count, both results with the fits they
+// come from, and every refusal with status -1 on every process and nothing written.
+TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
+    writeParameters();
+    const std::vector<std::string> times = {"--diffusion-time", "0.4,0.2,1.6", "--q-points", "6"};
+    const auto one = sequence(1, times, "pfg");
+    ASSERT_EQ(one.exitStatus, 0) << one.output << one.errorOutput;
+    EXPECT_TRUE(std::regex_search(one.output,
+                                  std::regex("Surface-to-volume from short-time diffusion: \\S+ 1/m "
+                                             "\\(voxel faces: \\S+ 1/m\\)\n  fit of D\\(t\\)")))
+        << one.output;
+    EXPECT_TRUE(std::regex_search(
+        one.output, std::regex("Tortuosity from the longest diffusion time: \\S+\n  D0 / "
+                               "D\\(Delta\\) at Delta = 1.6 ms")))
+        << one.output;
+    const std::string signal = dir_.read("pfg.out"), diffusion = dir_.read("diffusion.out");
+    EXPECT_EQ(lines(signal).size(), 18u) << "three times of six q each";
+    EXPECT_EQ(lines(diffusion).size(), 3u);
+    const auto three = sequence(3, times, "pfg");
+    ASSERT_EQ(three.exitStatus, 0) << three.output << three.errorOutput;
+    EXPECT_TRUE(dir_.read("pfg.out") == signal);
+    EXPECT_TRUE(dir_.read("diffusion.out") == diffusion);
+
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--diffusion-time", "1,0"}, "--diffusion-time needs diffusion times in ms above 0"},
+        {{"--diffusion-time", "0.01"}, "shorter than one step of the walk"},
+        {{"--diffusion-time", "1", "--q-max", "0"}, "--q-max must be above 0"},
+        {{"--diffusion-time", "1", "--q-points", "1"}, "--q-points needs a whole number from 2"},
+        {{"--diffusion-time", "1", "--direction", "w"}, "--direction needs x, y, z or all"},
+        {{"--diffusion-time", "1", "--echo-spacing", "1"}, "--echo-spacing is an option of cpmg"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        for (const char* name : {"pfg.out", "diffusion.out", "pfg.png"})
+            std::filesystem::remove(dir_ / name);
+        const auto result = sequence(2, arguments, "pfg");
+        EXPECT_EQ(result.exitStatus, 255) << message << "\n" << result.errorOutput;
+        EXPECT_NE(result.errorOutput.find("nmrwalk-sequence: error: "), std::string::npos);
+        EXPECT_NE(result.errorOutput.find(message), std::string::npos) << result.errorOutput;
+        EXPECT_FALSE(anyOutput()) << message;
     }
 }
 

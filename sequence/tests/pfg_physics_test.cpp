@@ -1,0 +1,158 @@
+// Narrow-pulse PFG against closed forms: free diffusion, the diffraction of a slab, and
+// Mitra's short-time law in a grain pack. Statistical checks with many walkers: labelled
+// physics, left out of the sanitizer build.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "grid/byte_mineral_grid.h"
+#include "rock/pore_geometry.h"
+#include "sequence/pfg.h"
+
+namespace nmr {
+namespace {
+
+constexpr double kDiffusion = 2.5e-9;  // m^2/s
+constexpr double kPi = 3.141592653589793;
+
+NuclearMagneticResonanceParameters water(double stepLength) {
+    NuclearMagneticResonanceParameters parameters;
+    parameters.setGyroMagneticRatio(42.58e6);
+    parameters.setDiffusionConstantWater(kDiffusion);
+    parameters.setStepLength(stepLength);
+    parameters.setBulkWaterT2(1e9);
+    return parameters;
+}
+
+ExactSums walkAll(const ByteMineralGrid& grid, const DiffusionTimePlan& plan, std::uint32_t walkers,
+                  std::int32_t seed) {
+    DisplacementWalk<ByteMineralGrid> walk(grid, plan, seed, 0);
+    ExactSums sums = walk.emptyTally();
+    for (std::uint32_t i = 0; i < walkers; ++i) walk.walk(i, sums);
+    return sums;
+}
+
+// The standard deviation of the mean of W values cos(q x), x Gaussian of E(q) = E:
+// Var cos = (1 + E(2q)) / 2 - E^2 with E(2q) = E^4.
+double cosineError(double e, double walkers) {
+    return std::sqrt(std::max(0.0, (1.0 + std::pow(e, 4)) / 2.0 - e * e) / walkers);
+}
+
+// Free diffusion in an all-pore box (its mirror images continue it): E = exp(-q^2 D0 Delta)
+// at every q, and D(Delta) from the slope and from the mean square displacement equal D0.
+// Bounds: 1 % plus 4 standard errors; the step is 0.1 voxels, so q s <= 0.17 and the
+// fixed-step term c (q s)^2 of -ln E stays below 0.12 %. For the slope, the error of D is
+// at most sum b_i sd_i / E_i / sum b_i^2 (the points' errors taken fully correlated); for
+// the displacement D, Var(dx^2) = 2 (2 D0 Delta)^2 per axis, three axes a walker.
+// b without its Delta, q taken in cycles (2 pi q), the cell size left out, or the
+// displacement divided by 6 Delta per axis all miss by far more.
+TEST(PfgPhysics, FreeDiffusionGivesTheGaussianSignalAndD0) {
+    const ByteMineralGrid box(8, 8, 8, 0, 0, 0, 10.0);
+    PfgRequest request;
+    request.diffusionTimesMs = {40.0};
+    request.axes = {0, 1, 2};
+    const DiffusionTimePlan plan = planDiffusionTime(water(0.1), 10e-6, 40.0, request);
+    ASSERT_EQ(plan.steps.steps, 600u);
+    constexpr std::uint32_t kWalkers = 20000;
+    const DiffusionTimeResult result = diffusionTimeResult(plan, walkAll(box, plan, kWalkers, 41));
+    const double samples = 3.0 * kWalkers;  // three axes, nearly independent
+    double slopeError = 0.0, bb = 0.0;
+    for (std::size_t m = 0; m < result.q.size(); ++m) {
+        const double e = std::exp(-result.b[m] * kDiffusion);
+        const double sd = cosineError(e, kWalkers);
+        EXPECT_NEAR(result.e[m], e, 0.01 * e + 4.0 * sd) << "q " << result.q[m];
+        if (result.e[m] >= kSlopeFloor && result.b[m] > 0.0) {
+            slopeError += result.b[m] * sd / e;
+            bb += result.b[m] * result.b[m];
+        }
+    }
+    ASSERT_GE(result.slopePoints, 3u);
+    EXPECT_NEAR(result.d, kDiffusion, 0.01 * kDiffusion + 4.0 * slopeError / bb);
+    EXPECT_NEAR(result.msdD, kDiffusion, kDiffusion * (0.01 + 4.0 * std::sqrt(2.0 / samples)));
+}
+
+// A slab of W = 20 voxels across x whose walls do not relax, at D0 Delta / W^2 = 1: the
+// walkers have forgotten where they started, so <dx^2> = W^2 / 6 (the transient term is
+// 1e-5 of it) and E(q) = 2 (1 - cos qW) / (qW)^2, zero at qW = 2 pi. Bounds: 4 standard
+// errors, from Var(dx^2) = W^4 (1/15 - 1/36) of two uniform positions and Var cos as for
+// any mean of cosines, plus 0.003 in E for what is left of the transient. q applied to the
+// position instead of the displacement, the 2 pi of q, or walkers that pass the walls all
+// fail it.
+TEST(PfgPhysics, ASlabDiffractsWithItsFirstZeroAtTwoPiOverItsWidth) {
+    constexpr std::uint32_t kWidth = 20;
+    ByteMineralGrid slab(kWidth + 2, 4, 4, 0, 0, 0, 1.0);
+    for (std::uint32_t z = 0; z < 4; ++z) {
+        for (std::uint32_t y = 0; y < 4; ++y) {
+            slab.setCell(0, y, z, Mineral::Quartz);
+            slab.setCell(kWidth + 1, y, z, Mineral::Quartz);
+        }
+    }
+    const double cell = 1e-6, width = kWidth * cell;
+    const double deltaMs = width * width / kDiffusion * 1000.0;
+    PfgRequest request;
+    request.diffusionTimesMs = {deltaMs};
+    request.axes = {0};
+    request.qMax = 4.0 * kPi / width;
+    request.qPoints = 17;
+    const DiffusionTimePlan plan = planDiffusionTime(water(1.0), cell, deltaMs, request);
+    constexpr std::uint32_t kWalkers = 10000;
+    const DiffusionTimeResult result = diffusionTimeResult(plan, walkAll(slab, plan, kWalkers, 5));
+    ASSERT_EQ(result.survivors, kWalkers) << "walls that do not relax keep every walker";
+
+    const double meanSquare = result.msdD * 2.0 * deltaMs / 1000.0;
+    const double sdSquare = width * width * std::sqrt(1.0 / 15 - 1.0 / 36) / std::sqrt(kWalkers);
+    EXPECT_NEAR(meanSquare, width * width / 6.0, 4.0 * sdSquare);
+    for (std::size_t m = 1; m < result.q.size(); ++m) {
+        const double qw = result.q[m] * width;
+        const double e = 2.0 * (1.0 - std::cos(qw)) / (qw * qw);
+        const double e2 = 2.0 * (1.0 - std::cos(2.0 * qw)) / (4.0 * qw * qw);
+        const double sd = std::sqrt(std::max(0.0, (1.0 + e2) / 2.0 - e * e) / kWalkers);
+        EXPECT_NEAR(result.e[m], e, 4.0 * sd + 0.003) << "qW = " << qw;
+    }
+}
+
+// Mitra's law in a pack of overlapping grains of radius R = 8 voxels at porosity 0.3: the
+// short-time fit gives the smooth grains' S/V, -3 ln(phi) / R for a Boolean model of equal
+// spheres, within 15 %, over sqrt(D0 Delta) of 1 to 4 voxels. The voxel faces offer some
+// 1.4 times that surface, which the walk's steps of half a voxel do not feel; a fit forced
+// through D/D0 = 1, a slope without its sqrt(pi), or sqrt(Delta) in place of sqrt(D0 Delta)
+// misses by more.
+TEST(PfgPhysics, ShortTimesInAGrainPackGiveTheGrainsSurfaceToVolume) {
+    rock::SpherePackSettings settings;
+    settings.radius = 8.0;
+    settings.targetPorosity = 0.3;
+    settings.seed = 3;
+    const rock::SpherePack pack(64, 64, 64, settings);
+    ByteMineralGrid grid(64, 64, 64, 0, 0, 0, 2.0);
+    std::vector<GrainBedGridCell> slice(64 * 64);
+    for (std::uint32_t z = 0; z < 64; ++z) {
+        pack.fillSlice(z, slice.data());
+        for (std::uint32_t y = 0; y < 64; ++y)
+            for (std::uint32_t x = 0; x < 64; ++x)
+                grid.setCell(x, y, z, slice[y * 64 + x].mineral());
+    }
+    const double cell = 2e-6;
+    NuclearMagneticResonanceParameters parameters = water(0.5);
+    MineralValueMap<double> relaxivity;
+    relaxivity.set(Mineral::Quartz, 0.0);
+    parameters.setSurfaceRelaxationStrengthWater(relaxivity);
+    PfgRequest request;
+    request.axes = {0, 1, 2};
+    std::vector<DiffusionTimeResult> results;
+    for (double lengths : {1.0, 1.5, 2.0, 2.5, 3.0, 4.0}) {
+        const double deltaMs = std::pow(lengths * cell, 2) / kDiffusion * 1000.0;
+        request.diffusionTimesMs = {deltaMs};
+        const DiffusionTimePlan plan = planDiffusionTime(parameters, cell, deltaMs, request);
+        results.push_back(diffusionTimeResult(plan, walkAll(grid, plan, 20000, 17)));
+    }
+    const ShortTimeFit fit = fitShortTimes(results, kDiffusion);
+    ASSERT_TRUE(fit.determined);
+    const double smooth = -3.0 * std::log(pack.porosity()) / (settings.radius * cell);
+    EXPECT_NEAR(fit.surfaceToVolume / smooth, 1.0, 0.15);
+    EXPECT_LT(fit.intercept, 1.0) << "the walls slow the motion along them";
+}
+
+}  // namespace
+}  // namespace nmr
