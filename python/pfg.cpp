@@ -29,13 +29,19 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
     timesMs.erase(std::unique(timesMs.begin(), timesMs.end()), timesMs.end());
     request.diffusionTimesMs = timesMs;
     if (!qMax.is_none()) request.qMax = qMax.cast<double>();
-    if (qPoints < 2 || qPoints > 1000) throw std::invalid_argument("q_points must be from 2 to 1000");
+    if (qPoints < 2 || qPoints > 1000)
+        throw std::invalid_argument("q_points must be from 2 to 1000");
     request.qPoints = static_cast<std::uint32_t>(qPoints);
-    if (direction == "x") request.axes = {0};
-    else if (direction == "y") request.axes = {1};
-    else if (direction == "z") request.axes = {2};
-    else if (direction == "all") request.axes = {0, 1, 2};
-    else throw std::invalid_argument("direction must be \"x\", \"y\", \"z\" or \"all\"");
+    if (direction == "x")
+        request.axes = {0};
+    else if (direction == "y")
+        request.axes = {1};
+    else if (direction == "z")
+        request.axes = {2};
+    else if (direction == "all")
+        request.axes = {0, 1, 2};
+    else
+        throw std::invalid_argument("direction must be \"x\", \"y\", \"z\" or \"all\"");
     std::shared_ptr<ByteMineralGrid> grid;
     std::vector<DiffusionTimePlan> plans;
     try {
@@ -47,7 +53,8 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
         if (grid->counter(Mineral::Pore) == 0)
             throw std::invalid_argument("the labels (or the region walked) hold no pore cell");
         for (double delta : timesMs)
-            plans.push_back(planDiffusionTime(*parameters, grid->cellSize() * 1e-6, delta, request));
+            plans.push_back(
+                planDiffusionTime(*parameters, grid->cellSize() * 1e-6, delta, request));
     } catch (const Exception& e) {
         throw std::invalid_argument(e.message());
     }

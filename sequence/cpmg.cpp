@@ -19,7 +19,8 @@ EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parame
                                 double cellSizeM, double echoSpacingMs, double gradient,
                                 const StaticField& field) {
     if (!(echoSpacingMs > 0.0) || !std::isfinite(echoSpacingMs))
-        throw Exception("An echo spacing must be a positive number of ms: " + shortNumber(echoSpacingMs));
+        throw Exception("An echo spacing must be a positive number of ms: " +
+                        shortNumber(echoSpacingMs));
     StepPlan steps = planSteps(parameters, cellSizeM, 0.5 * echoSpacingMs);
     EchoSpacingPlan plan;
     plan.echoSpacingMs = echoSpacingMs;

@@ -22,10 +22,12 @@ void checkPfgRequest(const PfgRequest& request) {
     if (request.diffusionTimesMs.empty()) throw Exception("Give at least one diffusion time");
     for (double delta : request.diffusionTimesMs) {
         if (!(delta > 0.0) || !std::isfinite(delta))
-            throw Exception("A diffusion time must be a positive number of ms: " + shortNumber(delta));
+            throw Exception("A diffusion time must be a positive number of ms: " +
+                            shortNumber(delta));
     }
     if (request.qMax && (!(*request.qMax > 0.0) || !std::isfinite(*request.qMax)))
-        throw Exception("--q-max must be above 0, or there is only q = 0: " + shortNumber(*request.qMax));
+        throw Exception("--q-max must be above 0, or there is only q = 0: " +
+                        shortNumber(*request.qMax));
     if (request.qPoints < 2)
         throw Exception("--q-points must be at least 2, or there is only q = 0");
     if (request.axes.empty()) throw Exception("Give a gradient direction: x, y, z or all");

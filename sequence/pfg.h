@@ -142,8 +142,8 @@ struct ShortTimeFit {
     bool determined = false;
     double surfaceToVolume = 0.0;  // 1/m
     double intercept = 0.0;
-    double curvature = 0.0;        // c, 1/s
-    std::vector<double> timesMs;   // the times fitted
+    double curvature = 0.0;       // c, 1/s
+    std::vector<double> timesMs;  // the times fitted
 };
 inline constexpr double kShortTimeFloor = 0.6;
 inline constexpr std::size_t kShortTimesNeeded = 3;

@@ -15,10 +15,10 @@
 #include "sequence/echo_train.h"
 #include "sequence/pfg.h"
 #include "tools/option_parser.h"
-#include "walk/pore_faces.h"
 #include "tools/sequence_cpmg.h"
 #include "tools/sequence_pfg.h"
 #include "tools/sequence_run.h"
+#include "walk/pore_faces.h"
 
 namespace {
 
@@ -70,8 +70,10 @@ Command parseCommand(int argc, char** argv) {
             throw Exception(option + " is an option of " + (cpmg ? "pfg" : "cpmg") + " only");
     }
     if (command.help) return command;
-    if (cpmg) command.cpmg = parseCpmgOptions(parser);
-    else command.pfg = parsePfgOptions(parser);
+    if (cpmg)
+        command.cpmg = parseCpmgOptions(parser);
+    else
+        command.pfg = parsePfgOptions(parser);
     return command;
 }
 
@@ -207,7 +209,7 @@ int runSequence(int argc, char** argv) {
     }
     if (command.help) {
         if (rank == mpi::kRoot)
-            std::cout << (command.experiment.empty()     ? kUsage
+            std::cout << (command.experiment.empty()    ? kUsage
                           : command.experiment == "pfg" ? kPfgUsage
                                                         : kCpmgUsage);
         return SequenceRun::kEarlyEnd;

@@ -90,8 +90,9 @@ CpmgOptions parseCpmgOptions(const OptionParser& parser) {
 
 std::string cpmgFingerprint(const CpmgOptions& options, const EchoSpacingPlan& plan) {
     return "cpmg; echo spacing " + fullNumber(plan.echoSpacingMs) + "; echoes " +
-           std::to_string(plan.phase.echoes) + "; gradient " + fullNumber(options.request.gradient) +
-           "; field " + (options.field ? fileChecksum(*options.field) : "of nmr.yaml");
+           std::to_string(plan.phase.echoes) + "; gradient " +
+           fullNumber(options.request.gradient) + "; field " +
+           (options.field ? fileChecksum(*options.field) : "of nmr.yaml");
 }
 
 void writeCpmgOutputs(const std::vector<EchoTrain>& trains, std::ostream& err) {

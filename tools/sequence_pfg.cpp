@@ -72,17 +72,23 @@ PfgRequest parsePfgOptions(const OptionParser& parser) {
     if (const auto qMax = parser.value("--q-max"))
         request.qMax = parseDouble(*qMax, "--q-max needs a wave vector in 1/m");
     if (const auto points = parser.value("--q-points")) {
-        const std::int64_t n = parseInteger(*points, "--q-points needs a whole number from 2 to 1000");
+        const std::int64_t n =
+            parseInteger(*points, "--q-points needs a whole number from 2 to 1000");
         if (n < 2 || n > 1000)
             throw Exception("--q-points needs a whole number from 2 to 1000: " + *points);
         request.qPoints = static_cast<std::uint32_t>(n);
     }
     const std::string direction = parser.value("--direction").value_or("all");
-    if (direction == "x") request.axes = {0};
-    else if (direction == "y") request.axes = {1};
-    else if (direction == "z") request.axes = {2};
-    else if (direction == "all") request.axes = {0, 1, 2};
-    else throw Exception("--direction needs x, y, z or all: " + direction);
+    if (direction == "x")
+        request.axes = {0};
+    else if (direction == "y")
+        request.axes = {1};
+    else if (direction == "z")
+        request.axes = {2};
+    else if (direction == "all")
+        request.axes = {0, 1, 2};
+    else
+        throw Exception("--direction needs x, y, z or all: " + direction);
     checkPfgRequest(request);
     return request;
 }
@@ -108,19 +114,17 @@ std::string pfgReport(const std::vector<DiffusionTimeResult>& results, double d0
             << "  fit of D(t)/D0 = a - (4/(9 sqrt(pi))) (S/V) sqrt(D0 t) + c t, intercept a "
                "fitted (a = "
             << fit.intercept << ", c = " << fit.curvature << " 1/s), over the "
-            << fit.timesMs.size() << " diffusion times with D/D0 >= " << kShortTimeFloor
-            << "\n";
+            << fit.timesMs.size() << " diffusion times with D/D0 >= " << kShortTimeFloor << "\n";
     } else {
         out << "Surface-to-volume from short-time diffusion: not determined (voxel faces: "
             << voxelFacesSurfaceToVolume << " 1/m)\n"
             << "  the fit of Mitra's law needs " << kShortTimesNeeded
-            << " diffusion times with D/D0 >= " << kShortTimeFloor << ", and "
-            << fit.timesMs.size() << " have it: give shorter ones\n";
+            << " diffusion times with D/D0 >= " << kShortTimeFloor << ", and " << fit.timesMs.size()
+            << " have it: give shorter ones\n";
     }
-    const auto longest =
-        std::max_element(results.begin(), results.end(), [](const auto& a, const auto& b) {
-            return a.diffusionTimeMs < b.diffusionTimeMs;
-        });
+    const auto longest = std::max_element(
+        results.begin(), results.end(),
+        [](const auto& a, const auto& b) { return a.diffusionTimeMs < b.diffusionTimeMs; });
     if (longest != results.end()) {
         out << "Tortuosity from the longest diffusion time: " << d0 / longest->d << "\n"
             << "  D0 / D(Delta) at Delta = " << longest->diffusionTimeMs
@@ -145,7 +149,8 @@ void writePfgOutputs(const std::vector<DiffusionTimeResult>& results, double d0,
     }
     writeTextFile("pfg.out", signal.str());
     writeTextFile("diffusion.out", diffusion.str());
-    if (!runPlotScript(programDirectory(), {"--pfg", "pfg.out", "--d0", fullNumber(d0), "-o", "pfg.png"}))
+    if (!runPlotScript(programDirectory(),
+                       {"--pfg", "pfg.out", "--d0", fullNumber(d0), "-o", "pfg.png"}))
         err << "nmrwalk-sequence: warning: pfg.png not drawn: nmrwalk-plot failed (it needs "
                "python3-matplotlib)"
             << std::endl;

@@ -26,7 +26,6 @@ std::string pfgReport(const std::vector<DiffusionTimeResult>& results, double d0
 
 // pfg.out and diffusion.out (each whole or absent) and pfg.png, whose failure is a warning
 // on err.
-void writePfgOutputs(const std::vector<DiffusionTimeResult>& results, double d0,
-                     std::ostream& err);
+void writePfgOutputs(const std::vector<DiffusionTimeResult>& results, double d0, std::ostream& err);
 
 }  // namespace nmr::tools

@@ -157,9 +157,9 @@ TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
     const std::vector<std::string> times = {"--diffusion-time", "0.4,0.2,1.6", "--q-points", "6"};
     const auto one = sequence(1, times, "pfg");
     ASSERT_EQ(one.exitStatus, 0) << one.output << one.errorOutput;
-    EXPECT_TRUE(std::regex_search(one.output,
-                                  std::regex("Surface-to-volume from short-time diffusion: \\S+ 1/m "
-                                             "\\(voxel faces: \\S+ 1/m\\)\n  fit of D\\(t\\)")))
+    EXPECT_TRUE(std::regex_search(
+        one.output, std::regex("Surface-to-volume from short-time diffusion: \\S+ 1/m "
+                               "\\(voxel faces: \\S+ 1/m\\)\n  fit of D\\(t\\)")))
         << one.output;
     EXPECT_TRUE(std::regex_search(
         one.output, std::regex("Tortuosity from the longest diffusion time: \\S+\n  D0 / "
