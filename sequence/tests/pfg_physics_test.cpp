@@ -126,7 +126,7 @@ TEST(PfgPhysics, ShortTimesInAGrainPackGiveTheGrainsSurfaceToVolume) {
     settings.seed = 3;
     const rock::SpherePack pack(64, 64, 64, settings);
     ByteMineralGrid grid(64, 64, 64, 0, 0, 0, 2.0);
-    std::vector<GrainBedGridCell> slice(64 * 64);
+    std::vector<GrainBedGridCell> slice(std::size_t{64} * 64);
     for (std::uint32_t z = 0; z < 64; ++z) {
         pack.fillSlice(z, slice.data());
         for (std::uint32_t y = 0; y < 64; ++y)
