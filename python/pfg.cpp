@@ -32,16 +32,9 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
     if (qPoints < 2 || qPoints > 1000)
         throw std::invalid_argument("q_points must be from 2 to 1000");
     request.qPoints = static_cast<std::uint32_t>(qPoints);
-    if (direction == "x")
-        request.axes = {0};
-    else if (direction == "y")
-        request.axes = {1};
-    else if (direction == "z")
-        request.axes = {2};
-    else if (direction == "all")
-        request.axes = {0, 1, 2};
-    else
-        throw std::invalid_argument("direction must be \"x\", \"y\", \"z\" or \"all\"");
+    const auto axes = axesNamed(direction);
+    if (!axes) throw std::invalid_argument("direction must be \"x\", \"y\", \"z\" or \"all\"");
+    request.axes = *axes;
     std::shared_ptr<ByteMineralGrid> grid;
     std::vector<DiffusionTimePlan> plans;
     try {

@@ -18,6 +18,14 @@ constexpr double kMitraSlope = 0.25077981258941457;
 
 }  // namespace
 
+std::optional<std::vector<int>> axesNamed(const std::string& direction) {
+    if (direction == "x") return std::vector<int>{0};
+    if (direction == "y") return std::vector<int>{1};
+    if (direction == "z") return std::vector<int>{2};
+    if (direction == "all") return std::vector<int>{0, 1, 2};
+    return std::nullopt;
+}
+
 void checkPfgRequest(const PfgRequest& request) {
     if (request.diffusionTimesMs.empty()) throw Exception("Give at least one diffusion time");
     for (double delta : request.diffusionTimesMs) {

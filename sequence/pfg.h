@@ -28,6 +28,9 @@ struct PfgRequest {
     std::vector<int> axes;       // 0, 1, 2: x, y, z
 };
 
+// The axes of a gradient direction "x", "y", "z" or "all"; nothing for any other name.
+std::optional<std::vector<int>> axesNamed(const std::string& direction);
+
 // Throws nmr::Exception for an empty list, a time that is not positive, a q-max that is not
 // positive, or fewer than two q points (q = 0 alone).
 void checkPfgRequest(const PfgRequest& request);

@@ -79,16 +79,9 @@ PfgRequest parsePfgOptions(const OptionParser& parser) {
         request.qPoints = static_cast<std::uint32_t>(n);
     }
     const std::string direction = parser.value("--direction").value_or("all");
-    if (direction == "x")
-        request.axes = {0};
-    else if (direction == "y")
-        request.axes = {1};
-    else if (direction == "z")
-        request.axes = {2};
-    else if (direction == "all")
-        request.axes = {0, 1, 2};
-    else
-        throw Exception("--direction needs x, y, z or all: " + direction);
+    const auto axes = axesNamed(direction);
+    if (!axes) throw Exception("--direction needs x, y, z or all: " + direction);
+    request.axes = *axes;
     checkPfgRequest(request);
     return request;
 }
