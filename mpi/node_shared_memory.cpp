@@ -37,14 +37,27 @@ std::uint64_t availableSharedFileSpace() {
 }  // namespace
 
 std::uint64_t availableMemoryBytes() {
+    std::uint64_t available = kUnlimited;
     std::ifstream meminfo("/proc/meminfo");
     for (std::string line; std::getline(meminfo, line);) {
         if (line.rfind("MemAvailable:", 0) != 0) continue;
         std::istringstream fields(line.substr(13));
         std::uint64_t kib = 0;
-        if (fields >> kib) return kib * 1024;
+        if (fields >> kib) available = kib * 1024;
+        break;
     }
-    return kUnlimited;
+    return std::min(available, memoryCapBytes());
+}
+
+std::uint64_t memoryCapBytes() {
+    const char* text = std::getenv("NMRWALK_NODE_MEMORY_MB");
+    if (text == nullptr) return kUnlimited;
+    char* end = nullptr;
+    const double mib = std::strtod(text, &end);
+    // Like the node grouping, a setting that is no number is ignored rather than thrown
+    // from the node leaders alone, which would leave the other processes waiting.
+    if (end == text || *end != '\0' || !(mib >= 0.0) || mib >= 0x1p43) return kUnlimited;
+    return static_cast<std::uint64_t>(mib * 1048576.0);
 }
 
 NodeSharedBuffer::~NodeSharedBuffer() {

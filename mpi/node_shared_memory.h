@@ -10,8 +10,12 @@
 namespace nmr::mpi {
 
 // MemAvailable of this machine (/proc/meminfo): what can be allocated without swapping, in
-// bytes; the largest int64 when the kernel does not say.
+// bytes; the largest int64 when the kernel does not say. No more than memoryCapBytes().
 std::uint64_t availableMemoryBytes();
+
+// NMRWALK_NODE_MEMORY_MB (MiB, fractions allowed): the most a job may take of a node that
+// it shares with others, whatever the node has free; the largest int64 when unset.
+std::uint64_t memoryCapBytes();
 
 // A block of bytes that every process of a node reads through its own pointer. Processes
 // that share their node with others see one MPI-3 shared-memory window allocated by the

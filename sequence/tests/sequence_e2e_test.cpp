@@ -36,10 +36,11 @@ protected:
         dir_.write("nmr.yaml", parameterFile(changes));
     }
     CommandResult sequence(int processes, std::vector<std::string> arguments,
-                           const std::string& experiment = "cpmg") {
+                           const std::string& experiment = "cpmg",
+                           std::vector<std::string> environment = launcherEnvironment()) {
         arguments.insert(arguments.begin(), experiment);
         return runCommand(launcherCommand(processes, programPath("nmrwalk-sequence"), arguments),
-                          dir_.path(), std::chrono::seconds(300), launcherEnvironment());
+                          dir_.path(), std::chrono::seconds(300), environment);
     }
     bool anyOutput() const {
         for (const char* name :
@@ -106,6 +107,7 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
         std::vector<std::string> arguments;
         std::string field;  // "dims type value" of a field file, or none
         std::string message;
+        std::string memoryMb = {};  // a node that has this much free, or as much as it has
     };
     const Case cases[] = {
         {{{"volumeSusceptibility", "{Pore: -9.05e-06, Quartzz: 1.0e-05}"}},
@@ -130,6 +132,13 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
          {"--echo-spacing", "1"},
          "",
          "numberOfWalkers must be above 0"},
+        // 0.03 MiB holds the 14 kB grid but not its 55 kB field, read or computed.
+        {{},
+         {"--echo-spacing", "1", "--field", "f.mhd"},
+         "24 24 24",
+         "Not enough memory to hold the field once per node: 1 MB needed, 0 MB available",
+         "0.03"},
+        {{}, {"--echo-spacing", "1"}, "", "Not enough memory to compute the field", "0.03"},
     };
     for (const Case& c : cases) {
         writeParameters(c.changes);
@@ -141,7 +150,9 @@ TEST_F(SequenceTool, RefusesBadInputOnEveryProcessAndWritesNothing) {
             writeField(dir_, x + " " + y + " " + z, nan || last.empty() ? "MET_FLOAT" : last,
                        nan ? std::numeric_limits<float>::quiet_NaN() : 1e-6f);
         }
-        const auto result = sequence(2, c.arguments);
+        auto environment = launcherEnvironment();
+        if (!c.memoryMb.empty()) environment.push_back("NMRWALK_NODE_MEMORY_MB=" + c.memoryMb);
+        const auto result = sequence(2, c.arguments, "cpmg", environment);
         EXPECT_EQ(result.exitStatus, 255) << c.message << "\n" << result.errorOutput;
         EXPECT_NE(result.errorOutput.find("nmrwalk-sequence: error: "), std::string::npos)
             << result.errorOutput;
