@@ -74,7 +74,7 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
     const double d0 = parameters->diffusionConstantWater();
     const std::size_t n = results.size(), m = request.qPoints;
     py::array_t<double> q({n, m}), b({n, m}), e({n, m});
-    std::vector<double> d, ratio, msd;
+    std::vector<double> d, dError, ratio, msd, msdError;
     for (std::size_t i = 0; i < n; ++i) {
         for (std::size_t j = 0; j < m; ++j) {
             q.mutable_at(i, j) = results[i].q[j];
@@ -82,10 +82,13 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
             e.mutable_at(i, j) = results[i].e[j];
         }
         d.push_back(results[i].d);
+        dError.push_back(results[i].dError);
         ratio.push_back(results[i].d / d0);
         msd.push_back(results[i].msdD);
+        msdError.push_back(results[i].msdDError);
     }
     const ShortTimeFit fit = fitShortTimes(results, d0);
+    const TortuosityResult tortuosity = tortuosityAtLongestTime(results, d0);
     const double nan = std::numeric_limits<double>::quiet_NaN();
     py::dict out;
     out["diffusion_time_ms"] = arrayOf(timesMs);
@@ -93,12 +96,16 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
     out["b"] = b;
     out["e"] = e;
     out["d"] = arrayOf(d);
+    out["d_error"] = arrayOf(dError);
     out["d_over_d0"] = arrayOf(ratio);
     out["msd_d"] = arrayOf(msd);
+    out["msd_d_error"] = arrayOf(msdError);
     out["surface_to_volume"] = fit.determined ? fit.surfaceToVolume : nan;
+    out["surface_to_volume_error"] = fit.determined ? fit.surfaceToVolumeError : nan;
     out["intercept"] = fit.determined ? fit.intercept : nan;
     out["short_times_ms"] = arrayOf(fit.timesMs);
-    out["tortuosity"] = n > 0 ? d0 / results.back().d : nan;
+    out["tortuosity"] = tortuosity.determined ? tortuosity.value : nan;
+    out["tortuosity_error"] = tortuosity.determined ? tortuosity.error : nan;
     out["steps"] = py::cast([&] {
         std::vector<std::uint32_t> steps;
         steps.reserve(plans.size());

@@ -2,6 +2,7 @@
 
 #include <Eigen/Dense>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -63,35 +64,73 @@ DiffusionTimePlan planDiffusionTime(const NuclearMagneticResonanceParameters& pa
     return plan;
 }
 
-DiffusionTimeResult diffusionTimeResult(const DiffusionTimePlan& plan, const ExactSums& sums) {
-    DiffusionTimeResult result;
-    result.diffusionTimeMs = plan.diffusionTimeMs;
-    result.q = plan.q;
+namespace {
+
+// E at every q, D from the slope over the points marked, and the MSD D, from one set of sums
+// (the whole job's, or a replicate's).
+struct Estimate {
+    std::vector<double> e;
+    double d = 0.0;
+    double msdD = 0.0;
+};
+
+Estimate estimate(const DiffusionTimePlan& plan, const std::vector<double>& sums,
+                  const std::vector<double>& b, const std::vector<bool>& slopeSet) {
+    Estimate out;
     const double seconds = plan.diffusionTimeMs / 1000.0;
-    const double survivors = sums.sum(0);
-    result.survivors = survivors;
+    const double survivors = sums[PfgSums::kSurvivors];
     const auto axes = static_cast<double>(plan.axes.size());
     const double nan = std::numeric_limits<double>::quiet_NaN();
     for (std::size_t m = 0; m < plan.q.size(); ++m) {
         double e = 0.0;
-        for (std::size_t a = 0; a < plan.axes.size(); ++a)
-            e += sums.sum(PfgSums::cosine(plan, a, m));
-        result.b.push_back(plan.q[m] * plan.q[m] * seconds);
-        result.e.push_back(survivors > 0.0 ? e / axes / survivors : nan);
+        for (std::size_t a = 0; a < plan.axes.size(); ++a) e += sums[PfgSums::cosine(plan, a, m)];
+        out.e.push_back(survivors > 0.0 ? e / axes / survivors : nan);
     }
     double squares = 0.0;
-    for (std::size_t a = 0; a < plan.axes.size(); ++a) squares += sums.sum(PfgSums::square(a));
+    for (std::size_t a = 0; a < plan.axes.size(); ++a) squares += sums[PfgSums::square(a)];
     const double meanSquare =
         squares * plan.squareUnit * plan.cellSizeM * plan.cellSizeM / axes / survivors;
-    result.msdD = survivors > 0.0 ? meanSquare / (2.0 * seconds) : nan;
+    out.msdD = survivors > 0.0 ? meanSquare / (2.0 * seconds) : nan;
     double bb = 0.0, bLog = 0.0;
-    for (std::size_t m = 0; m < result.b.size(); ++m) {
-        if (!(result.b[m] > 0.0) || !(result.e[m] >= kSlopeFloor)) continue;
-        bb += result.b[m] * result.b[m];
-        bLog += result.b[m] * std::log(result.e[m]);
-        ++result.slopePoints;
+    for (std::size_t m = 0; m < b.size(); ++m) {
+        if (!slopeSet[m]) continue;
+        bb += b[m] * b[m];
+        bLog += b[m] * std::log(out.e[m]);
     }
-    result.d = result.slopePoints > 0 ? -bLog / bb : nan;
+    out.d = bb > 0.0 ? -bLog / bb : nan;
+    return out;
+}
+
+}  // namespace
+
+DiffusionTimeResult diffusionTimeResult(const DiffusionTimePlan& plan, const ExactSums& sums) {
+    const BatchedTotals totals = batchedTotals(sums, PfgSums::width(plan), PfgSums::kWalked);
+    DiffusionTimeResult result;
+    result.diffusionTimeMs = plan.diffusionTimeMs;
+    result.q = plan.q;
+    result.survivors = totals.total[PfgSums::kSurvivors];
+    const double seconds = plan.diffusionTimeMs / 1000.0;
+    for (double q : plan.q) result.b.push_back(q * q * seconds);
+    // The points of the slope are chosen once, from the whole job, and kept in every
+    // replicate: a choice that moved between replicates would add its own jitter.
+    const Estimate whole = estimate(plan, totals.total, result.b, std::vector<bool>(plan.q.size()));
+    std::vector<bool> slopeSet(plan.q.size());
+    for (std::size_t m = 0; m < plan.q.size(); ++m) {
+        slopeSet[m] = result.b[m] > 0.0 && whole.e[m] >= kSlopeFloor;
+        if (slopeSet[m]) ++result.slopePoints;
+    }
+    const Estimate chosen = estimate(plan, totals.total, result.b, slopeSet);
+    result.e = chosen.e;
+    result.d = chosen.d;
+    result.msdD = chosen.msdD;
+    std::vector<double> msdReplicates;
+    for (const std::vector<double>& rest : totals.leftOut) {
+        const Estimate replicate = estimate(plan, rest, result.b, slopeSet);
+        result.dReplicates.push_back(replicate.d);
+        msdReplicates.push_back(replicate.msdD);
+    }
+    result.dError = jackknifeError(result.dReplicates);
+    result.msdDError = jackknifeError(msdReplicates);
     return result;
 }
 
@@ -105,21 +144,55 @@ ShortTimeFit fitShortTimes(const std::vector<DiffusionTimeResult>& results, doub
     if (used.size() < kShortTimesNeeded) return fit;
     // Columns: a, S/V, c; the rows D/D0 at each time, t in s and lengths in m.
     Eigen::MatrixXd design(static_cast<Eigen::Index>(used.size()), 3);
-    Eigen::VectorXd ratio(static_cast<Eigen::Index>(used.size()));
     for (std::size_t i = 0; i < used.size(); ++i) {
         const double t = used[i]->diffusionTimeMs / 1000.0;
         const auto row = static_cast<Eigen::Index>(i);
         design(row, 0) = 1.0;
         design(row, 1) = -kMitraSlope * std::sqrt(d0 * t);
         design(row, 2) = t;
-        ratio(row) = used[i]->d / d0;
     }
-    const Eigen::VectorXd solution = design.colPivHouseholderQr().solve(ratio);
-    fit.determined = true;
+    const Eigen::ColPivHouseholderQR<Eigen::MatrixXd> qr = design.colPivHouseholderQr();
+    // The fit of the whole job's D, then of each replicate's: the times share their walkers.
+    const auto solve = [&](auto dAt) {
+        Eigen::VectorXd ratio(static_cast<Eigen::Index>(used.size()));
+        for (std::size_t i = 0; i < used.size(); ++i)
+            ratio(static_cast<Eigen::Index>(i)) = dAt(*used[i]) / d0;
+        return Eigen::VectorXd(qr.solve(ratio));
+    };
+    const Eigen::VectorXd solution = solve([](const DiffusionTimeResult& r) { return r.d; });
+    fit.fitted = true;
     fit.intercept = solution(0);
     fit.surfaceToVolume = solution(1);
     fit.curvature = solution(2);
+    const std::size_t replicates = used.front()->dReplicates.size();
+    std::vector<double> surface, intercept;
+    for (std::size_t k = 0; k < replicates; ++k) {
+        const Eigen::VectorXd one =
+            solve([k](const DiffusionTimeResult& r) { return r.dReplicates.at(k); });
+        intercept.push_back(one(0));
+        surface.push_back(one(1));
+    }
+    fit.surfaceToVolumeError = jackknifeError(surface);
+    fit.interceptError = jackknifeError(intercept);
+    fit.determined = fit.surfaceToVolume > 2.0 * fit.surfaceToVolumeError;
     return fit;
+}
+
+TortuosityResult tortuosityAtLongestTime(const std::vector<DiffusionTimeResult>& results,
+                                         double d0) {
+    TortuosityResult out;
+    const auto longest = std::max_element(
+        results.begin(), results.end(),
+        [](const auto& a, const auto& b) { return a.diffusionTimeMs < b.diffusionTimeMs; });
+    if (longest == results.end()) return out;
+    out.longest = &*longest;
+    out.value = d0 / longest->d;
+    std::vector<double> replicates;
+    replicates.reserve(longest->dReplicates.size());
+    for (double d : longest->dReplicates) replicates.push_back(d0 / d);
+    out.error = jackknifeError(replicates);
+    out.determined = longest->d > 2.0 * longest->dError;
+    return out;
 }
 
 }  // namespace nmr

@@ -8,6 +8,7 @@
 #include "params/nmr_parameters.h"
 #include "sequence/indexed_walkers.h"
 #include "sequence/step_plan.h"
+#include "simulation/batched_sums.h"
 #include "simulation/exact_sums.h"
 #include "simulation/run_core.h"
 #include "walk/phase_walk.h"
@@ -53,15 +54,19 @@ DiffusionTimePlan planDiffusionTime(const NuclearMagneticResonanceParameters& pa
                                     double cellSizeM, double diffusionTimeMs,
                                     const PfgRequest& request);
 
-// The sums of one walker after Delta, at their places: the survivors, then per axis the
-// square displacement over squareUnit, then per axis the cosine at every q.
+// The sums of one walker after Delta, at their places in its batch (batched_sums.h): the
+// walkers, the survivors, then per axis the square displacement over squareUnit, then per
+// axis the cosine at every q.
 struct PfgSums {
-    static std::size_t size(const DiffusionTimePlan& plan) {
-        return 1 + plan.axes.size() * (1 + plan.q.size());
+    static std::size_t width(const DiffusionTimePlan& plan) {
+        return 2 + plan.axes.size() * (1 + plan.q.size());
     }
-    static std::size_t square(std::size_t axis) { return 1 + axis; }
+    static std::size_t size(const DiffusionTimePlan& plan) { return kBatches * width(plan); }
+    static constexpr std::size_t kWalked = 0;
+    static constexpr std::size_t kSurvivors = 1;
+    static std::size_t square(std::size_t axis) { return 2 + axis; }
     static std::size_t cosine(const DiffusionTimePlan& plan, std::size_t axis, std::size_t q) {
-        return 1 + plan.axes.size() + axis * plan.q.size() + q;
+        return 2 + plan.axes.size() + axis * plan.q.size() + q;
     }
 };
 
@@ -79,6 +84,8 @@ public:
 
     Tally emptyTally() const { return ExactSums(PfgSums::size(plan_)); }
     void walk(std::uint32_t i, Tally& tally) {
+        const std::size_t at = batchStart(first_ + i, PfgSums::width(plan_));
+        tally.add(at + PfgSums::kWalked, 1.0);
         CounterStream stream(seed_, first_ + i);
         const Walker start = placeWalker(stream, view_);
         detail::MirroredCells<G> mineralAt(view_);
@@ -89,16 +96,16 @@ public:
                 return;
         }
         const double from[3] = {start.x, start.y, start.z};
-        tally.add(0, 1.0);
+        tally.add(at + PfgSums::kSurvivors, 1.0);
         for (std::size_t a = 0; a < plan_.axes.size(); ++a) {
             const auto axis = static_cast<std::size_t>(plan_.axes[a]);
             const double shift = r[axis] - from[axis];  // voxels
             // A walk of n steps moves at most n s along an axis; beyond 2047 units (a
             // displacement some 45 times the free one) the sum would overflow, so it is held
             // there: no walk comes near it.
-            tally.add(PfgSums::square(a), std::min(shift * shift / plan_.squareUnit, 2047.0));
+            tally.add(at + PfgSums::square(a), std::min(shift * shift / plan_.squareUnit, 2047.0));
             for (std::size_t m = 0; m < plan_.q.size(); ++m)
-                tally.add(PfgSums::cosine(plan_, a, m),
+                tally.add(at + PfgSums::cosine(plan_, a, m),
                           stableCos(plan_.q[m] * plan_.cellSizeM * shift));
         }
     }
@@ -119,7 +126,10 @@ std::optional<ExactSums> walkDisplacements(const G& grid, const DiffusionTimePla
     return walkKept(experiment, walkers.count, std::move(control));
 }
 
-// The signal of one diffusion time, from the job's sums.
+// The signal of one diffusion time, from the job's sums. Every result comes with its
+// jackknife replicates over the batches of walkers (the same batches at every diffusion
+// time, so that fits across times can leave the same walkers out of each) and their
+// standard error.
 struct DiffusionTimeResult {
     double diffusionTimeMs = 0.0;
     std::vector<double> q;  // 1/m
@@ -128,11 +138,14 @@ struct DiffusionTimeResult {
     double survivors = 0.0;
     // The initial slope of ln E against b: the least-squares line through the origin (E is
     // 1 at b = 0 by its normalisation) over the points with b > 0 and E >= kSlopeFloor. NaN
-    // when there is none.
+    // when there is none. The replicates use the same points.
     double d = 0.0;
+    double dError = 0.0;
+    std::vector<double> dReplicates;
     std::size_t slopePoints = 0;
     // <Delta r^2> / (2 Delta) per axis, averaged over the axes: over 6 Delta for all three.
     double msdD = 0.0;
+    double msdDError = 0.0;
 };
 inline constexpr double kSlopeFloor = 0.7;
 DiffusionTimeResult diffusionTimeResult(const DiffusionTimePlan& plan, const ExactSums& sums);
@@ -140,16 +153,32 @@ DiffusionTimeResult diffusionTimeResult(const DiffusionTimePlan& plan, const Exa
 // Mitra's short-time law, D(t)/D0 = a - (4 / (9 sqrt(pi))) (S/V) sqrt(D0 t) + c t, fitted by
 // least squares with its intercept a free: a walk that undoes a step into a wall also slows
 // the motion along it, which lowers a below 1 by a term of order (S/V) s that does not
-// depend on t. Fitted over the diffusion times with D/D0 >= kShortTimeFloor.
+// depend on t. Fitted over the diffusion times with D/D0 >= kShortTimeFloor, needing
+// kShortTimesNeeded of them; the errors are the jackknife's, the same times fitted in
+// every replicate. S/V is determined when the fit is made and S/V exceeds twice its error.
 struct ShortTimeFit {
+    bool fitted = false;
     bool determined = false;
     double surfaceToVolume = 0.0;  // 1/m
+    double surfaceToVolumeError = 0.0;
     double intercept = 0.0;
+    double interceptError = 0.0;
     double curvature = 0.0;       // c, 1/s
     std::vector<double> timesMs;  // the times fitted
 };
 inline constexpr double kShortTimeFloor = 0.6;
 inline constexpr std::size_t kShortTimesNeeded = 3;
 ShortTimeFit fitShortTimes(const std::vector<DiffusionTimeResult>& results, double d0);
+
+// D0 / D(Delta) at the longest Delta, with its jackknife error; determined when that D
+// exceeds twice its error.
+struct TortuosityResult {
+    bool determined = false;
+    double value = 0.0;
+    double error = 0.0;
+    const DiffusionTimeResult* longest = nullptr;  // none for no results
+};
+TortuosityResult tortuosityAtLongestTime(const std::vector<DiffusionTimeResult>& results,
+                                         double d0);
 
 }  // namespace nmr

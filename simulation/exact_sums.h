@@ -29,6 +29,13 @@ public:
     // wherever the sum was taken).
     double sum(std::size_t i) const;
 
+    // Entry i of the result is the exact sum of entries i, i + width, i + 2 width, ...
+    ExactSums folded(std::size_t width) const {
+        ExactSums out(width);
+        for (std::size_t i = 0; i < sums_.size(); ++i) out.sums_[i % width] += sums_[i];
+        return out;
+    }
+
     // Adds another set of sums of the same size.
     void merge(const ExactSums& other) {
         for (std::size_t i = 0; i < sums_.size(); ++i) sums_[i] += other.sums_[i];

@@ -5,6 +5,7 @@
 #include <mpi.h>
 
 #include <algorithm>
+#include <iomanip>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -176,8 +177,11 @@ int runPfg(SequenceRun& run, const PfgRequest& request) {
                     throw Exception("No walker lived to a diffusion time of " +
                                     std::to_string(plan.diffusionTimeMs) +
                                     " ms: surface relaxation absorbed them all");
-                std::cout << "Diffusion time " << plan.diffusionTimeMs << " ms: D "
-                          << results.back().d << " m^2/s, D/D0 " << results.back().d / d0
+                const DiffusionTimeResult& r = results.back();
+                std::cout << "Diffusion time " << plan.diffusionTimeMs << " ms: D " << r.d
+                          << " m^2/s (+- " << std::setprecision(2) << r.dError
+                          << std::setprecision(6) << "), D/D0 " << r.d / d0 << " (+- "
+                          << std::setprecision(2) << r.dError / d0 << std::setprecision(6) << ")"
                           << std::endl;
             }))
             return SequenceRun::kEarlyEnd;

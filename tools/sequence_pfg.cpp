@@ -44,6 +44,11 @@ into a wall also slows the motion along it, which lowers a by a term of order
 a voxel surface has more area than the smooth one it stands for, and the walk
 does not feel all of it. Tortuosity is D0 / D(Delta) at the longest Delta.
 
+Every result has its standard error, (+- u) after it: the jackknife's over 32
+batches of walkers (walker j in batch j mod 32), each left out in turn, with
+the points and times chosen from all the walkers. S/V or the tortuosity that is
+not above twice its error is reported as not determined.
+
 Each walker draws from its own counter-based stream (Philox) keyed by the seed
 and its index, and the sums over walkers are exact: every output is the same,
 bit for bit, at any number of processes.
@@ -101,28 +106,52 @@ std::string pfgReport(const std::vector<DiffusionTimeResult>& results, double d0
     std::ostringstream out;
     out << std::setprecision(6);
     const ShortTimeFit fit = fitShortTimes(results, d0);
+    const auto shortTimes = [&] {
+        std::ostringstream text;
+        text << "over the " << fit.timesMs.size()
+             << " diffusion times with D/D0 >= " << kShortTimeFloor;
+        return text.str();
+    };
     if (fit.determined) {
-        out << "Surface-to-volume from short-time diffusion: " << fit.surfaceToVolume
-            << " 1/m (voxel faces: " << voxelFacesSurfaceToVolume << " 1/m)\n"
+        out << "Surface-to-volume from short-time diffusion: " << fit.surfaceToVolume << " 1/m (+- "
+            << std::setprecision(2) << fit.surfaceToVolumeError << std::setprecision(6)
+            << ") (voxel faces: " << voxelFacesSurfaceToVolume << " 1/m)\n"
             << "  fit of D(t)/D0 = a - (4/(9 sqrt(pi))) (S/V) sqrt(D0 t) + c t, intercept a "
                "fitted (a = "
-            << fit.intercept << ", c = " << fit.curvature << " 1/s), over the "
-            << fit.timesMs.size() << " diffusion times with D/D0 >= " << kShortTimeFloor << "\n";
+            << fit.intercept << " (+- " << std::setprecision(2) << fit.interceptError
+            << std::setprecision(6) << "), c = " << fit.curvature << " 1/s), " << shortTimes()
+            << "; errors: jackknife over " << kBatches << " batches of walkers\n";
     } else {
         out << "Surface-to-volume from short-time diffusion: not determined (voxel faces: "
-            << voxelFacesSurfaceToVolume << " 1/m)\n"
-            << "  the fit of Mitra's law needs " << kShortTimesNeeded
-            << " diffusion times with D/D0 >= " << kShortTimeFloor << ", and " << fit.timesMs.size()
-            << " have it: give shorter ones\n";
+            << voxelFacesSurfaceToVolume << " 1/m)\n";
+        if (fit.fitted) {
+            out << "  the fit of Mitra's law " << shortTimes() << " gives " << fit.surfaceToVolume
+                << " 1/m (+- " << std::setprecision(2) << fit.surfaceToVolumeError
+                << std::setprecision(6)
+                << "), which the walkers cannot tell from 0: give more walkers\n";
+        } else {
+            out << "  the fit of Mitra's law needs " << kShortTimesNeeded
+                << " diffusion times with D/D0 >= " << kShortTimeFloor << ", and "
+                << fit.timesMs.size() << " have it: give shorter ones\n";
+        }
     }
-    const auto longest = std::max_element(
-        results.begin(), results.end(),
-        [](const auto& a, const auto& b) { return a.diffusionTimeMs < b.diffusionTimeMs; });
-    if (longest != results.end()) {
-        out << "Tortuosity from the longest diffusion time: " << d0 / longest->d << "\n"
-            << "  D0 / D(Delta) at Delta = " << longest->diffusionTimeMs
-            << " ms, D the initial slope of ln E against b over " << longest->slopePoints
-            << " points with E >= " << kSlopeFloor << "\n";
+    const TortuosityResult tortuosity = tortuosityAtLongestTime(results, d0);
+    if (const DiffusionTimeResult* longest = tortuosity.longest) {
+        std::ostringstream basis;
+        basis << "D0 / D(Delta) at Delta = " << longest->diffusionTimeMs
+              << " ms, D the initial slope of ln E against b over " << longest->slopePoints
+              << (longest->slopePoints == 1 ? " point" : " points") << " with E >= " << kSlopeFloor;
+        if (tortuosity.determined) {
+            out << "Tortuosity from the longest diffusion time: " << tortuosity.value << " (+- "
+                << std::setprecision(2) << tortuosity.error << std::setprecision(6) << ")\n"
+                << "  " << basis.str() << "; error: jackknife over " << kBatches
+                << " batches of walkers\n";
+        } else {
+            out << "Tortuosity from the longest diffusion time: not determined\n"
+                << "  " << basis.str() << ": D = " << longest->d << " m^2/s (+- "
+                << std::setprecision(2) << longest->dError << std::setprecision(6)
+                << "), which the walkers cannot tell from 0\n";
+        }
     }
     return out.str();
 }

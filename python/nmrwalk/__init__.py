@@ -441,9 +441,13 @@ def pfg(labels, cell_size_um, params, diffusion_time_ms, q_max=None, q_points=16
         d, d_over_d0:       the initial slope of ln E against b (points with E >= 0.7);
         msd_d:              <dr^2> / (2 Delta) per axis;
         surface_to_volume:  1/m from the fit of Mitra's law with its intercept free (NaN
-                            with fewer than three times of D/D0 >= 0.6), with intercept
-                            and short_times_ms, the times it used;
-        tortuosity:         D0 / D at the longest time; steps: N per time.
+                            with fewer than three times of D/D0 >= 0.6, or when it is not
+                            above twice its error), with intercept and short_times_ms, the
+                            times it used;
+        tortuosity:         D0 / D at the longest time (NaN when that D is not above
+                            twice its error); steps: N per time.
+        d_error, msd_d_error, surface_to_volume_error, tortuosity_error: one standard
+        error each, the jackknife's over 32 batches of walkers (walker j in batch j mod 32).
     """
     path, overrides = _parameter_overrides(params, seed)
     labels, minerals = _native(labels, minerals)

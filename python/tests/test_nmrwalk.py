@@ -2,6 +2,7 @@
 
 import _thread
 import os
+import re
 import subprocess
 import sys
 import threading
@@ -354,9 +355,9 @@ def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
     labels = rock()
     values = settings(numberOfWalkers=500)
     write_run_directory(tmp_path, labels, values)
-    subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "pfg", "--diffusion-time",
-                    "0.5,0.2", "--q-points", "5", "--direction", "y"],
-                   cwd=tmp_path, check=True, capture_output=True)
+    run = subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "pfg", "--diffusion-time",
+                          "0.5,0.2", "--q-points", "5", "--direction", "y"],
+                         cwd=tmp_path, check=True, capture_output=True, text=True)
     written = np.loadtxt(tmp_path / "pfg.out")
     result = nmrwalk.pfg(labels, 2.5, values, [0.5, 0.2], q_points=5, direction="y",
                          minerals=MINERALS)
@@ -365,6 +366,13 @@ def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
     assert np.allclose(result["b"].ravel(), written[:, 2])
     # Walls slow the walkers, and more so the longer they walk.
     assert result["d_over_d0"][1] < result["d_over_d0"][0] < 1
+    # The tortuosity and its jackknife error as the program prints them.
+    printed = re.search(r"Tortuosity from the longest diffusion time: (\S+) \(\+- (\S+)\)",
+                        run.stdout)
+    assert printed, run.stdout
+    assert np.isclose(result["tortuosity"], float(printed[1]), rtol=1e-5)
+    assert np.isclose(result["tortuosity_error"], float(printed[2]), rtol=0.05)
+    assert np.all(result["d_error"] > 0) and np.all(result["msd_d_error"] > 0)
 
 
 @pytest.mark.parametrize("changes, message", [

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -71,6 +72,30 @@ TEST(PfgPhysics, FreeDiffusionGivesTheGaussianSignalAndD0) {
     ASSERT_GE(result.slopePoints, 3u);
     EXPECT_NEAR(result.d, kDiffusion, 0.01 * kDiffusion + 4.0 * slopeError / bb);
     EXPECT_NEAR(result.msdD, kDiffusion, kDiffusion * (0.01 + 4.0 * std::sqrt(2.0 / samples)));
+
+    // The jackknife's errors against their closed forms. Var D = sum a_m a_n C_mn / W over
+    // the slope's points, a_m = b_m / (E_m sum b^2) and C_mn the covariance of the three
+    // axes' mean cosine, (E(q_m - q_n) + E(q_m + q_n)) / 6 - E_m E_n / 3; Var of the
+    // displacement D is 2 D0^2 / (3 W). From 32 batches the jackknife's error is itself
+    // uncertain by 1/sqrt(62) = 13 %: the bound is three of those. The factor (K - 1) / K
+    // taken as 1 / (K (K - 1)), batches of the sums left out of their replicates, or the
+    // points' correlation ignored (the error then 1.5 times too small) miss it.
+    const auto gauss = [](double q) { return std::exp(-q * q * kDiffusion * 40e-3); };
+    double variance = 0.0;
+    for (std::size_t m = 0; m < result.q.size(); ++m) {
+        for (std::size_t n = 0; n < result.q.size(); ++n) {
+            if (!(result.b[m] > 0.0 && result.e[m] >= kSlopeFloor && result.b[n] > 0.0 &&
+                  result.e[n] >= kSlopeFloor))
+                continue;
+            const double qm = result.q[m], qn = result.q[n];
+            const double covariance =
+                (gauss(qm - qn) + gauss(qm + qn)) / 6.0 - gauss(qm) * gauss(qn) / 3.0;
+            variance += result.b[m] / (gauss(qm) * bb) * result.b[n] / (gauss(qn) * bb) *
+                        covariance / kWalkers;
+        }
+    }
+    EXPECT_NEAR(result.dError / std::sqrt(variance), 1.0, 0.38);
+    EXPECT_NEAR(result.msdDError / (kDiffusion * std::sqrt(2.0 / (3.0 * kWalkers))), 1.0, 0.38);
 }
 
 // A slab of W = 20 voxels across x whose walls do not relax, at D0 Delta / W^2 = 1: the
@@ -140,18 +165,35 @@ TEST(PfgPhysics, ShortTimesInAGrainPackGiveTheGrainsSurfaceToVolume) {
     parameters.setSurfaceRelaxationStrengthWater(relaxivity);
     PfgRequest request;
     request.axes = {0, 1, 2};
-    std::vector<DiffusionTimeResult> results;
-    for (double lengths : {1.0, 1.5, 2.0, 2.5, 3.0, 4.0}) {
-        const double deltaMs = std::pow(lengths * cell, 2) / kDiffusion * 1000.0;
-        request.diffusionTimesMs = {deltaMs};
-        const DiffusionTimePlan plan = planDiffusionTime(parameters, cell, deltaMs, request);
-        results.push_back(diffusionTimeResult(plan, walkAll(grid, plan, 20000, 17)));
-    }
-    const ShortTimeFit fit = fitShortTimes(results, kDiffusion);
+    const auto fitWithSeed = [&](std::int32_t seed, std::uint32_t walkers) {
+        std::vector<DiffusionTimeResult> results;
+        for (double lengths : {1.0, 1.5, 2.0, 2.5, 3.0, 4.0}) {
+            const double deltaMs = std::pow(lengths * cell, 2) / kDiffusion * 1000.0;
+            request.diffusionTimesMs = {deltaMs};
+            const DiffusionTimePlan plan = planDiffusionTime(parameters, cell, deltaMs, request);
+            results.push_back(diffusionTimeResult(plan, walkAll(grid, plan, walkers, seed)));
+        }
+        return fitShortTimes(results, kDiffusion);
+    };
+    const ShortTimeFit fit = fitWithSeed(17, 80000);
     ASSERT_TRUE(fit.determined);
     const double smooth = -3.0 * std::log(pack.porosity()) / (settings.radius * cell);
-    EXPECT_NEAR(fit.surfaceToVolume / smooth, 1.0, 0.15);
-    EXPECT_LT(fit.intercept, 1.0) << "the walls slow the motion along them";
+    EXPECT_NEAR(fit.surfaceToVolume, smooth, 0.1 * smooth + 4.0 * fit.surfaceToVolumeError);
+    EXPECT_LT(fit.intercept + 4.0 * fit.interceptError, 1.0) << "the walls slow the motion";
+    // Another seed's fit lies within four of the two fits' joint jackknife errors: errors
+    // several times too small, as from fitting each time's replicates apart from the
+    // others', would leave the two seeds further apart than that.
+    const ShortTimeFit other = fitWithSeed(18, 20000);
+    ASSERT_TRUE(other.determined);
+    EXPECT_LT(fit.surfaceToVolumeError, 0.1 * fit.surfaceToVolume);
+    EXPECT_NEAR(fit.surfaceToVolume, other.surfaceToVolume,
+                4.0 * std::hypot(fit.surfaceToVolumeError, other.surfaceToVolumeError));
+    EXPECT_NEAR(fit.intercept, other.intercept,
+                4.0 * std::hypot(fit.interceptError, other.interceptError));
+    std::printf("S/V %.6g +- %.3g and %.6g +- %.3g; a %.5f +- %.2g and %.5f +- %.2g\n",
+                fit.surfaceToVolume, fit.surfaceToVolumeError, other.surfaceToVolume,
+                other.surfaceToVolumeError, fit.intercept, fit.interceptError, other.intercept,
+                other.interceptError);
 }
 
 }  // namespace
