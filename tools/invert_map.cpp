@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/exception.h"
+#include "common/output_file.h"
 #include "inversion/data_file.h"
 #include "inversion/map_inversion.h"
 #include "tools/plot_script.h"
@@ -153,6 +154,7 @@ int runMapInversion(const OptionParser& options) {
         e.kind, data.first, axisOf(options, e.minOption, e.maxOption, e.kind, data.first, n, input),
         KernelKind::Decay, data.times,
         axisOf(options, "--t2-min", "--t2-max", KernelKind::Decay, data.times, n, input));
+    prepareOutputFolder(output);
     const auto read = Clock::now();
     const inversion::MapResult r =
         inversion::invertMap(std::move(kernel), data.amplitude, settings);
