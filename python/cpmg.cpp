@@ -19,10 +19,6 @@
 
 namespace nmr::python {
 
-namespace {
-
-// staticField, its direction and volumeSusceptibility from the same settings as the
-// run's: the parameter file, or the dict's keys (its YAML text) under the root key.
 std::optional<FieldSettings> fieldSettingsOf(const py::object& path, const std::string& overrides) {
     if (!path.is_none()) return readOptionalFieldSettings(path.cast<std::string>());
     YAML::Node document;
@@ -30,8 +26,6 @@ std::optional<FieldSettings> fieldSettingsOf(const py::object& path, const std::
     return parseOptionalFieldSettings(YAML::Dump(document), "params");
 }
 
-// The field map the walkers read: the array given (dB/B0, [z, y, x], the grid's shape), or
-// the one nmrwalk-field computes when the settings hold susceptibilities, or none.
 FieldMap fieldMapOf(const py::object& given, const std::optional<FieldSettings>& settings,
                     const ByteMineralGrid& grid) {
     const std::uint32_t nx = grid.nx(), ny = grid.ny(), nz = grid.nz();
@@ -64,6 +58,13 @@ FieldMap fieldMapOf(const py::object& given, const std::optional<FieldSettings>&
     return bricked(values.data(), nx, ny, nz);
 }
 
+StaticField staticFieldOf(const std::optional<FieldSettings>& settings) {
+    return {settings ? settings->staticField : 0.0,
+            settings ? settings->staticFieldDirection - 'x' : 2};
+}
+
+namespace {
+
 py::list cpmg(py::array labels, double cellSize, const py::object& minerals, const py::object& path,
               const std::string& overrides, const py::object& seed,
               const std::vector<double>& spacingsMs, const py::object& echoes, double gradient,
@@ -88,8 +89,7 @@ py::list cpmg(py::array labels, double cellSize, const py::object& minerals, con
     if (grid->counter(Mineral::Pore) == 0)
         throw std::invalid_argument("the labels (or the region walked) hold no pore cell");
     const FieldMap map = fieldMapOf(field, settings, *grid);
-    const StaticField b0{settings ? settings->staticField : 0.0,
-                         settings ? settings->staticFieldDirection - 'x' : 2};
+    const StaticField b0 = staticFieldOf(settings);
     const double cellSizeM = grid->cellSize() * 1e-6;
     const auto walkers = static_cast<std::uint32_t>(parameters->numberOfWalkers());
     WalkPolls polls{py::none()};

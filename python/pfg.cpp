@@ -12,6 +12,7 @@
 
 #include "common/exception.h"
 #include "python/arrays.h"
+#include "python/cpmg.h"
 #include "python/inputs.h"
 #include "sequence/pfg.h"
 
@@ -21,7 +22,8 @@ namespace {
 
 py::dict pfg(py::array labels, double cellSize, const py::object& minerals, const py::object& path,
              const std::string& overrides, const py::object& seed, std::vector<double> timesMs,
-             const py::object& qMax, std::int64_t qPoints, const std::string& direction) {
+             const py::object& qMax, std::int64_t qPoints, const std::string& direction,
+             const py::object& pulseDuration, const py::object& field) {
     const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
     const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
     PfgRequest request;
@@ -35,6 +37,11 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
     const auto axes = axesNamed(direction);
     if (!axes) throw std::invalid_argument("direction must be \"x\", \"y\", \"z\" or \"all\"");
     request.axes = *axes;
+    if (!pulseDuration.is_none()) request.pulseDurationMs = pulseDuration.cast<double>();
+    if (!request.pulseDurationMs && !field.is_none())
+        throw std::invalid_argument("field acts only during finite pulses: give pulse_duration_ms");
+    const std::optional<FieldSettings> settings =
+        request.pulseDurationMs ? fieldSettingsOf(path, overrides) : std::nullopt;
     std::shared_ptr<ByteMineralGrid> grid;
     std::vector<DiffusionTimePlan> plans;
     try {
@@ -46,11 +53,13 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
         if (grid->counter(Mineral::Pore) == 0)
             throw std::invalid_argument("the labels (or the region walked) hold no pore cell");
         for (double delta : timesMs)
-            plans.push_back(
-                planDiffusionTime(*parameters, grid->cellSize() * 1e-6, delta, request));
+            plans.push_back(planDiffusionTime(*parameters, grid->cellSize() * 1e-6, delta, request,
+                                              staticFieldOf(settings)));
     } catch (const Exception& e) {
         throw std::invalid_argument(e.message());
     }
+    // Narrow pulses leave the field no time to act: none is made.
+    const FieldMap map = request.pulseDurationMs ? fieldMapOf(field, settings, *grid) : FieldMap();
     const auto walkers = static_cast<std::uint32_t>(parameters->numberOfWalkers());
     WalkPolls polls{py::none()};
     std::vector<DiffusionTimeResult> results;
@@ -58,7 +67,7 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
         bool done = false;
         {
             py::gil_scoped_release released;
-            DisplacementWalk<ByteMineralGrid> walk(*grid, plan, parameters->randomSeed(), 0);
+            DisplacementWalk<ByteMineralGrid> walk(*grid, plan, parameters->randomSeed(), 0, map);
             ExactSums sums = walk.emptyTally();
             // Ctrl-C is looked at every 1000 walkers.
             std::uint32_t i = 0;
@@ -120,7 +129,8 @@ py::dict pfg(py::array labels, double cellSize, const py::object& minerals, cons
 void definePfg(py::module_& m) {
     m.def("pfg", &pfg, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("diffusion_time_ms"),
-          py::arg("q_max"), py::arg("q_points"), py::arg("direction"));
+          py::arg("q_max"), py::arg("q_points"), py::arg("direction"), py::arg("pulse_duration_ms"),
+          py::arg("field"));
 }
 
 }  // namespace nmr::python

@@ -9,12 +9,6 @@
 
 namespace nmr {
 
-namespace {
-
-constexpr double kTwoPi = 6.283185307179586;
-
-}  // namespace
-
 EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parameters,
                                 double cellSizeM, double echoSpacingMs, double gradient,
                                 const StaticField& field) {
@@ -28,7 +22,7 @@ EchoSpacingPlan planEchoSpacing(const NuclearMagneticResonanceParameters& parame
     plan.phase.step = steps.step;
     plan.phase.stepsPerHalfEcho = steps.steps;
     plan.phase.table = std::move(steps.table);
-    const double gamma = kTwoPi * parameters.gyroMagneticRatio();
+    const double gamma = gammaOf(parameters);
     const double tauSeconds = plan.tauMs / 1000.0;
     plan.phase.fieldPhase = gamma * field.b0 * tauSeconds;
     plan.phase.gradientPhase = gamma * gradient * cellSizeM * tauSeconds;

@@ -25,12 +25,6 @@ struct CpmgRequest {
     double gradient = 0.0;  // T/m
 };
 
-// The static field in which the walkers gather phase: B0 (T) along axis 0 (x), 1 or 2.
-struct StaticField {
-    double b0 = 0.0;
-    int axis = 2;
-};
-
 // What one echo spacing is walked with. A half echo is stepsPerHalfEcho steps of tau, as
 // planSteps fills it.
 struct EchoSpacingPlan {

@@ -40,11 +40,49 @@ void checkPfgRequest(const PfgRequest& request) {
     if (request.qPoints < 2)
         throw Exception("--q-points must be at least 2, or there is only q = 0");
     if (request.axes.empty()) throw Exception("Give a gradient direction: x, y, z or all");
+    if (const auto& delta = request.pulseDurationMs) {
+        if (!(*delta > 0.0) || !std::isfinite(*delta))
+            throw Exception("--pulse-duration needs a pulse length in ms above 0: " +
+                            shortNumber(*delta));
+        for (double separation : request.diffusionTimesMs) {
+            if (separation < *delta)
+                throw Exception("A pulse of " + shortNumber(*delta) +
+                                " ms is longer than the diffusion time of " +
+                                shortNumber(separation) + " ms: the two pulses would overlap");
+        }
+    }
 }
+
+namespace {
+
+// p / r = ratio in lowest terms, r below `largest`, from the continued fraction of the
+// ratio; nothing when no such fraction is within 1e-9 of it.
+std::optional<std::pair<std::uint64_t, std::uint64_t>> wholeRatio(double ratio,
+                                                                  std::uint64_t largest) {
+    std::uint64_t p0 = 0, q0 = 1, p1 = 1, q1 = 0;
+    double rest = ratio;
+    for (int term = 0; term < 64; ++term) {
+        const double whole = std::floor(rest);
+        if (whole > 1e12) break;
+        const auto a = static_cast<std::uint64_t>(whole);
+        const std::uint64_t p2 = a * p1 + p0, q2 = a * q1 + q0;
+        if (q2 >= largest) break;
+        p0 = p1;
+        q0 = q1;
+        p1 = p2;
+        q1 = q2;
+        const double value = static_cast<double>(p1) / static_cast<double>(q1);
+        if (std::abs(value - ratio) <= 1e-9 * ratio) return std::make_pair(p1, q1);
+        rest = 1.0 / (rest - whole);
+    }
+    return std::nullopt;
+}
+
+}  // namespace
 
 DiffusionTimePlan planDiffusionTime(const NuclearMagneticResonanceParameters& parameters,
                                     double cellSizeM, double diffusionTimeMs,
-                                    const PfgRequest& request) {
+                                    const PfgRequest& request, const StaticField& field) {
     const double oneStep = nominalStepMs(parameters, cellSizeM);
     if (diffusionTimeMs < oneStep * (1.0 - 1e-12))
         throw Exception("A diffusion time of " + shortNumber(diffusionTimeMs) +
@@ -52,13 +90,45 @@ DiffusionTimePlan planDiffusionTime(const NuclearMagneticResonanceParameters& pa
                         " ms at the stepLength of nmr.yaml)");
     DiffusionTimePlan plan;
     plan.diffusionTimeMs = diffusionTimeMs;
-    plan.steps = planSteps(parameters, cellSizeM, diffusionTimeMs);
     plan.axes = request.axes;
     plan.cellSizeM = cellSizeM;
+    double encodingMs = diffusionTimeMs;
+    if (const auto& pulse = request.pulseDurationMs) {
+        // delta = n tau and Delta = m tau for whole n >= what planSteps gives delta, and
+        // m + n even, so that the pi pulse falls between two steps.
+        const std::uint32_t least = planSteps(parameters, cellSizeM, *pulse).steps;
+        constexpr std::uint64_t kMostSteps = 100000000;
+        const auto ratio = wholeRatio(diffusionTimeMs / *pulse, kMostSteps);
+        std::uint64_t n = 0, m = 0;
+        if (ratio) {
+            const std::uint64_t k = (least + ratio->second - 1) / ratio->second;
+            n = ratio->second * k;
+            m = ratio->first * k;
+            if ((n + m) % 2 != 0) {
+                n *= 2;
+                m *= 2;
+            }
+        }
+        if (!ratio || n + m > kMostSteps)
+            throw Exception("A diffusion time of " + shortNumber(diffusionTimeMs) +
+                            " ms and pulses of " + shortNumber(*pulse) +
+                            " ms need more than 10^8 steps to fall on whole steps: give times "
+                            "in a simpler ratio");
+        plan.pulseDurationMs = *pulse;
+        plan.pulseSteps = static_cast<std::uint32_t>(n);
+        plan.separationSteps = static_cast<std::uint32_t>(m);
+        plan.steps = stepsOf(parameters, cellSizeM, diffusionTimeMs + *pulse,
+                             static_cast<std::uint32_t>(n + m));
+        plan.fieldPhase = gammaOf(parameters) * field.b0 * plan.steps.tauMs / 1000.0;
+        encodingMs = diffusionTimeMs - *pulse / 3.0;
+    } else {
+        plan.steps = planSteps(parameters, cellSizeM, diffusionTimeMs);
+    }
     const double d0 = parameters.diffusionConstantWater();
     const double seconds = diffusionTimeMs / 1000.0;
     plan.squareUnit = 2.0 * d0 * seconds / (cellSizeM * cellSizeM);
-    const double qMax = request.qMax ? *request.qMax : std::sqrt(3.0 / (d0 * seconds));
+    const double encoding = encodingMs / 1000.0;
+    const double qMax = request.qMax ? *request.qMax : std::sqrt(3.0 / (d0 * encoding));
     for (std::uint32_t m = 0; m < request.qPoints; ++m)
         plan.q.push_back(qMax * m / (request.qPoints - 1));
     return plan;
@@ -81,10 +151,15 @@ Estimate estimate(const DiffusionTimePlan& plan, const std::vector<double>& sums
     const double survivors = sums[PfgSums::kSurvivors];
     const auto axes = static_cast<double>(plan.axes.size());
     const double nan = std::numeric_limits<double>::quiet_NaN();
+    // E is the signal over that at q = 0 (q[0]): the survivors with narrow pulses, less
+    // where finite ones let the rock's field dephase the walkers.
+    double unencoded = 0.0;
+    for (std::size_t a = 0; a < plan.axes.size(); ++a)
+        unencoded += sums[PfgSums::cosine(plan, a, 0)];
     for (std::size_t m = 0; m < plan.q.size(); ++m) {
         double e = 0.0;
         for (std::size_t a = 0; a < plan.axes.size(); ++a) e += sums[PfgSums::cosine(plan, a, m)];
-        out.e.push_back(survivors > 0.0 ? e / axes / survivors : nan);
+        out.e.push_back(survivors > 0.0 && unencoded > 0.0 ? e / axes / (unencoded / axes) : nan);
     }
     double squares = 0.0;
     for (std::size_t a = 0; a < plan.axes.size(); ++a) squares += sums[PfgSums::square(a)];
@@ -109,7 +184,8 @@ DiffusionTimeResult diffusionTimeResult(const DiffusionTimePlan& plan, const Exa
     result.diffusionTimeMs = plan.diffusionTimeMs;
     result.q = plan.q;
     result.survivors = totals.total[PfgSums::kSurvivors];
-    const double seconds = plan.diffusionTimeMs / 1000.0;
+    // b = q^2 (Delta - delta / 3), q = gamma g delta: narrow pulses have delta = 0.
+    const double seconds = (plan.diffusionTimeMs - plan.pulseDurationMs / 3.0) / 1000.0;
     for (double q : plan.q) result.b.push_back(q * q * seconds);
     // The points of the slope are chosen once, from the whole job, and kept in every
     // replicate: a choice that moved between replicates would add its own jitter.

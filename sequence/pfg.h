@@ -11,29 +11,35 @@
 #include "simulation/batched_sums.h"
 #include "simulation/exact_sums.h"
 #include "simulation/run_core.h"
+#include "walk/field_map.h"
 #include "walk/phase_walk.h"
 #include "walk/stable_trig.h"
 
-// Pulsed-field-gradient diffusion with narrow pulses: a walker's signal at wave vector q
-// after a diffusion time Delta is its survival times cos(q . (r(Delta) - r(0))), and E(q) is
-// the mean over walkers over that at q = 0. Surface relaxation kills by nmrwalk's rule;
-// bulk relaxation is the same at every q and cancels. For free diffusion E = exp(-b D) with
-// b = q^2 Delta.
+// Pulsed-field-gradient diffusion. With narrow pulses a walker's signal at wave vector q
+// after a diffusion time Delta is its survival times cos(q . (r(Delta) - r(0))); with
+// rectangular pulses of delta, r(Delta) - r(0) becomes the mean position under the second
+// pulse less that under the first, and the phase the rock's field gives over Delta + delta
+// (reversed at the pi pulse) is added. E(q) is the mean over walkers over that at q = 0.
+// Surface relaxation kills by nmrwalk's rule; bulk relaxation is the same at every q and
+// cancels. For free diffusion E = exp(-b D) with b = q^2 (Delta - delta/3).
 
 namespace nmr {
 
 struct PfgRequest {
     std::vector<double> diffusionTimesMs;
-    std::optional<double> qMax;  // 1/m; none: sqrt(3 / (D0 Delta)) at each Delta
+    std::optional<double> qMax;  // 1/m; none: sqrt(3 / (D0 (Delta - delta/3))) at each Delta
     std::uint32_t qPoints = 16;  // q = qMax m / (qPoints - 1), m = 0 .. qPoints - 1
     std::vector<int> axes;       // 0, 1, 2: x, y, z
+    // Rectangular gradient pulses of this length (ms) instead of narrow ones.
+    std::optional<double> pulseDurationMs;
 };
 
 // The axes of a gradient direction "x", "y", "z" or "all"; nothing for any other name.
 std::optional<std::vector<int>> axesNamed(const std::string& direction);
 
 // Throws nmr::Exception for an empty list, a time that is not positive, a q-max that is not
-// positive, or fewer than two q points (q = 0 alone).
+// positive, fewer than two q points (q = 0 alone), or a pulse that is not positive or is
+// longer than a diffusion time (the pulses would overlap).
 void checkPfgRequest(const PfgRequest& request);
 
 // One diffusion time's walk: `steps.steps` steps filling Delta, and the wave vectors.
@@ -46,13 +52,20 @@ struct DiffusionTimePlan {
     // Delta r^2 is summed in units of the free walk's mean square displacement along one axis,
     // 2 D0 Delta, in voxels^2: the exact sums take values of order 1.
     double squareUnit = 1.0;
+    // Finite pulses: delta is pulseSteps steps and Delta separationSteps, and the walk of
+    // Delta + delta (steps.steps) has its pi pulse after half of its steps. Narrow pulses:
+    // pulseSteps 0, and the walk is Delta.
+    double pulseDurationMs = 0.0;
+    std::uint32_t pulseSteps = 0;
+    std::uint32_t separationSteps = 0;
+    double fieldPhase = 0.0;  // rad per unit of dB/B0 a step, gamma B0 tau
 };
 
-// Throws nmr::Exception for a Delta shorter than one step of nmr.yaml's stepLength, or
-// what planSteps refuses.
+// Throws nmr::Exception for a Delta shorter than one step of nmr.yaml's stepLength, what
+// planSteps refuses, or a Delta / delta that no whole numbers of steps below 10^8 give.
 DiffusionTimePlan planDiffusionTime(const NuclearMagneticResonanceParameters& parameters,
                                     double cellSizeM, double diffusionTimeMs,
-                                    const PfgRequest& request);
+                                    const PfgRequest& request, const StaticField& field = {});
 
 // The sums of one walker after Delta, at their places in its batch (batched_sums.h): the
 // walkers, the survivors, then per axis the square displacement over squareUnit, then per
@@ -70,17 +83,17 @@ struct PfgSums {
     }
 };
 
-// The narrow-pulse experiment as an experiment of the run core: walker i of the process is
-// walker first + i of the job, placed and walked with its own stream by the step and kill
-// rule of the phase walk, without phase; its displacement gives the tally.
+// The experiment of the run core: walker i of the process is walker first + i of the job,
+// placed and walked with its own stream by the step and kill rule of the phase walk; its
+// displacement (and with finite pulses the field's phase) gives the tally.
 template <typename G>
 class DisplacementWalk : public ExactSumsState {
 public:
     using Tally = ExactSums;
 
     DisplacementWalk(const G& grid, const DiffusionTimePlan& plan, std::int32_t seed,
-                     std::uint64_t first)
-        : view_(makeWalkGridView(grid)), plan_(plan), seed_(seed), first_(first) {}
+                     std::uint64_t first, const FieldMap& field = FieldMap())
+        : view_(makeWalkGridView(grid)), field_(field), plan_(plan), seed_(seed), first_(first) {}
 
     Tally emptyTally() const { return ExactSums(PfgSums::size(plan_)); }
     void walk(std::uint32_t i, Tally& tally) {
@@ -91,27 +104,55 @@ public:
         detail::MirroredCells<G> mineralAt(view_);
         detail::AbsorbAtWall absorb{plan_.steps.table.data()};
         double r[3] = {start.x, start.y, start.z};
-        for (std::uint32_t n = 0; n < plan_.steps.steps; ++n) {
+        const double from[3] = {start.x, start.y, start.z};
+        // Narrow pulses: the encoding is r(Delta) - r(0). Finite ones: the mean position
+        // during the second pulse less that during the first (the pi pulse between them
+        // reverses the first), each the mean of the positions after its steps; the field's
+        // phase is gathered after every step and reversed at the pi pulse.
+        double shift[3] = {0.0, 0.0, 0.0};
+        double moved[3] = {0.0, 0.0, 0.0};
+        double fieldPhase = 0.0;
+        const std::uint32_t n = plan_.pulseSteps, m = plan_.separationSteps;
+        const bool internal = n > 0 && static_cast<bool>(field_);
+        for (std::uint32_t k = 1; k <= plan_.steps.steps; ++k) {
             if (detail::counterStep(stream, mineralAt, r[0], r[1], r[2], plan_.steps.step, absorb))
                 return;
+            if (n == 0) continue;
+            for (int a = 0; a < 3; ++a) {
+                if (k <= n) shift[a] -= r[a];
+                if (k > m) shift[a] += r[a];
+            }
+            if (k == m) std::copy(r, r + 3, moved);
+            if (internal) {
+                fieldPhase += plan_.fieldPhase * field_.interpolate(r[0], r[1], r[2]);
+                if (2 * k == plan_.steps.steps) fieldPhase = -fieldPhase;
+            }
         }
-        const double from[3] = {start.x, start.y, start.z};
+        for (int a = 0; a < 3; ++a) {
+            if (n > 0) {
+                shift[a] /= n;
+            } else {
+                moved[a] = r[a];
+                shift[a] = r[a] - from[a];
+            }
+        }
         tally.add(at + PfgSums::kSurvivors, 1.0);
         for (std::size_t a = 0; a < plan_.axes.size(); ++a) {
             const auto axis = static_cast<std::size_t>(plan_.axes[a]);
-            const double shift = r[axis] - from[axis];  // voxels
+            const double dx = moved[axis] - from[axis];  // voxels over Delta
             // A walk of n steps moves at most n s along an axis; beyond 2047 units (a
             // displacement some 45 times the free one) the sum would overflow, so it is held
             // there: no walk comes near it.
-            tally.add(at + PfgSums::square(a), std::min(shift * shift / plan_.squareUnit, 2047.0));
-            for (std::size_t m = 0; m < plan_.q.size(); ++m)
-                tally.add(at + PfgSums::cosine(plan_, a, m),
-                          stableCos(plan_.q[m] * plan_.cellSizeM * shift));
+            tally.add(at + PfgSums::square(a), std::min(dx * dx / plan_.squareUnit, 2047.0));
+            for (std::size_t q = 0; q < plan_.q.size(); ++q)
+                tally.add(at + PfgSums::cosine(plan_, a, q),
+                          stableCos(plan_.q[q] * plan_.cellSizeM * shift[axis] + fieldPhase));
         }
     }
 
 private:
     WalkGridView<G> view_;
+    const FieldMap& field_;
     const DiffusionTimePlan& plan_;
     std::int32_t seed_;
     std::uint64_t first_;
@@ -119,10 +160,10 @@ private:
 
 // Walks this process's walkers for one diffusion time: walkKept's sums.
 template <typename G>
-std::optional<ExactSums> walkDisplacements(const G& grid, const DiffusionTimePlan& plan,
-                                           std::int32_t seed, const WalkerRange& walkers,
-                                           RunControl control) {
-    DisplacementWalk<G> experiment(grid, plan, seed, walkers.first);
+std::optional<ExactSums> walkDisplacements(const G& grid, const FieldMap& field,
+                                           const DiffusionTimePlan& plan, std::int32_t seed,
+                                           const WalkerRange& walkers, RunControl control) {
+    DisplacementWalk<G> experiment(grid, plan, seed, walkers.first, field);
     return walkKept(experiment, walkers.count, std::move(control));
 }
 

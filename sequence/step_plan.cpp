@@ -28,9 +28,15 @@ StepPlan planSteps(const NuclearMagneticResonanceParameters& parameters, double 
     // A ratio a few units in the last place above a whole number is that number: the step
     // of nmr.yaml is kept whenever it divides the span.
     const double steps = std::ceil(durationMs / nominalTau * (1.0 - 1e-12));
+    return stepsOf(
+        parameters, cellSizeM, durationMs,
+        static_cast<std::uint32_t>(std::clamp(steps, static_cast<double>(kLeastSteps), 1e9)));
+}
+
+StepPlan stepsOf(const NuclearMagneticResonanceParameters& parameters, double cellSizeM,
+                 double durationMs, std::uint32_t steps) {
     StepPlan plan;
-    plan.steps =
-        static_cast<std::uint32_t>(std::clamp(steps, static_cast<double>(kLeastSteps), 1e9));
+    plan.steps = steps;
     plan.tauMs = durationMs / plan.steps;
     const double diffusion = parameters.diffusionConstantWater();
     plan.step = std::sqrt(6.0 * diffusion * plan.tauMs / 1000.0) / cellSizeM;

@@ -19,6 +19,18 @@ struct StepPlan {
 };
 inline constexpr std::uint32_t kLeastSteps = 8;
 
+// gamma in rad/(s T), 2 pi gyroMagneticRatio (Hz/T): the physics of these experiments, not
+// nmrwalk's own rule, which uses the ratio as it is.
+inline double gammaOf(const NuclearMagneticResonanceParameters& parameters) {
+    return 6.283185307179586 * parameters.gyroMagneticRatio();
+}
+
+// The static field in which the walkers gather phase: B0 (T) along axis 0 (x), 1 or 2.
+struct StaticField {
+    double b0 = 0.0;
+    int axis = 2;
+};
+
 // The duration of one step of nmr.yaml's stepLength, in ms. Throws nmr::Exception for a
 // diffusion constant or a cell size that is not positive.
 double nominalStepMs(const NuclearMagneticResonanceParameters& parameters, double cellSizeM);
@@ -26,5 +38,9 @@ double nominalStepMs(const NuclearMagneticResonanceParameters& parameters, doubl
 // Throws nmr::Exception as nominalStepMs does; durationMs must be positive.
 StepPlan planSteps(const NuclearMagneticResonanceParameters& parameters, double cellSizeM,
                    double durationMs);
+
+// `steps` steps that fill durationMs, whatever nmr.yaml's step (steps >= 1).
+StepPlan stepsOf(const NuclearMagneticResonanceParameters& parameters, double cellSizeM,
+                 double durationMs, std::uint32_t steps);
 
 }  // namespace nmr

@@ -31,7 +31,8 @@ constexpr char kUsage[] =
 
 Experiments:
   cpmg    a CPMG echo train in the rock's internal field, per echo spacing
-  pfg     pulsed-field-gradient diffusion with narrow pulses, per diffusion time
+  pfg     pulsed-field-gradient diffusion, narrow or rectangular pulses, per
+          diffusion time
 
 "nmrwalk-sequence EXPERIMENT --help" describes each.
 )USAGE";
@@ -47,7 +48,7 @@ struct Command {
 const std::vector<std::string> kCpmgOptions = {"--echo-spacing", "--echoes", "--gradient",
                                                "--field"};
 const std::vector<std::string> kPfgOptions = {"--diffusion-time", "--q-max", "--q-points",
-                                              "--direction"};
+                                              "--direction", "--pulse-duration"};
 
 Command parseCommand(int argc, char** argv) {
     OptionParser::Definition definition{{}, {"--help"}, {{"-h", "--help"}}};
@@ -152,7 +153,8 @@ int runPfg(SequenceRun& run, const PfgRequest& request) {
     std::vector<DiffusionTimePlan> plans(times.size());
     if (!run.allSucceed([&] {
             for (std::size_t i = 0; i < times.size(); ++i)
-                plans[i] = planDiffusionTime(parameters, cellSizeM, times[i], request);
+                plans[i] =
+                    planDiffusionTime(parameters, cellSizeM, times[i], request, run.staticField());
         }))
         return SequenceRun::kEarlyEnd;
     std::vector<DiffusionTimeResult> results;
@@ -166,7 +168,7 @@ int runPfg(SequenceRun& run, const PfgRequest& request) {
         RunControl control =
             run.control("delta" + std::to_string(i), walkers.count, pfgFingerprint(plan));
         std::optional<ExactSums> sums = run.grid().visit([&](const auto& grid) {
-            return walkDisplacements(grid, plan, parameters.randomSeed(), walkers,
+            return walkDisplacements(grid, run.field(), plan, parameters.randomSeed(), walkers,
                                      std::move(control));
         });
         if (!sums) return SequenceRun::kEarlyEnd;
@@ -220,8 +222,10 @@ int runSequence(int argc, char** argv) {
     }
     SequenceRun run(command.experiment);
     if (command.experiment == "pfg") {
-        // Narrow pulses: the field has no time to act, so none is read or computed.
-        if (!run.prepare(std::nullopt, false)) return SequenceRun::kEarlyEnd;
+        // Narrow pulses: the field has no time to act, so none is read or computed. Finite
+        // ones walk through it when nmr.yaml gives one.
+        const bool finite = command.pfg.pulseDurationMs.has_value();
+        if (!run.prepare(std::nullopt, finite)) return SequenceRun::kEarlyEnd;
         return runPfg(run, command.pfg);
     }
     if (!run.prepare(command.cpmg.field)) return SequenceRun::kEarlyEnd;

@@ -15,6 +15,7 @@ namespace nmr::tools {
 const char kPfgUsage[] =
     R"USAGE(Usage: nmrwalk-sequence pfg --diffusion-time MS[,MS...] [--q-max 1/m]
                             [--q-points N] [--direction x|y|z|all]
+                            [--pulse-duration MS]
 
 Pulsed-field-gradient diffusion with narrow gradient pulses, for every
 diffusion time Delta given. Run it in a run directory (nmr.yaml and its grid)
@@ -25,6 +26,19 @@ cos(q . (r(Delta) - r(0))); E(q, Delta) is the mean over the walkers over the
 same at q = 0, and "all" averages the three axes. b = q^2 Delta (q = gamma g
 delta for a pulse of gradient g and length delta), and free diffusion gives
 E = exp(-b D0).
+
+With --pulse-duration delta, the pulses are rectangular, of length delta, the
+first from 0 and the second from Delta, with the pi pulse of the spin echo
+halfway through Delta + delta. The walker's phase is gamma g times the time
+integral of its position under each pulse (the first reversed by the pi pulse),
+read after each step, and q = gamma g delta (gamma = 2 pi gyroMagneticRatio),
+so b = q^2 (Delta - delta/3) = gamma^2 g^2 delta^2 (Delta - delta/3). The
+field of the rock, when nmr.yaml gives staticField and volumeSusceptibility,
+adds its phase over the whole of Delta + delta, as in cpmg. delta is a whole
+number n >= 8 of steps and Delta a whole number of the same steps (Delta /
+delta is taken as a ratio of whole numbers). Sums of positions after each step
+make -ln E of free diffusion q^2 D0 (Delta - delta/3 + tau^2/(3 delta)), tau
+the step's duration: at most 1/(2 n^2) of it, 0.8 % for n = 8.
 
 Delta is filled by a whole number N >= 8 of steps: the step of nmr.yaml is
 shortened for a time it would fill in fewer, or not evenly. A time shorter than
@@ -55,10 +69,11 @@ bit for bit, at any number of processes.
 
 Options:
   --diffusion-time MS,...  diffusion times Delta in ms
-  --q-max 1/m              largest q (default: sqrt(3 / (D0 Delta)) at each
-                           Delta, where free water's E is exp(-3))
+  --q-max 1/m              largest q (default: sqrt(3 / (D0 (Delta - delta/3)))
+                           at each Delta, where free water's E is exp(-3))
   --q-points N             q values from 0 to the largest, evenly (default 16)
   --direction x|y|z|all    the gradient's axis (default all)
+  --pulse-duration MS      rectangular pulses of this length, not narrow ones
   -h, --help               this text
 
 Output: pfg.out ("<Delta ms> <q 1/m> <b s/m^2> <E>"), diffusion.out ("<Delta ms>
@@ -83,6 +98,9 @@ PfgRequest parsePfgOptions(const OptionParser& parser) {
             throw Exception("--q-points needs a whole number from 2 to 1000: " + *points);
         request.qPoints = static_cast<std::uint32_t>(n);
     }
+    if (const auto pulse = parser.value("--pulse-duration"))
+        request.pulseDurationMs =
+            parseDouble(*pulse, "--pulse-duration needs a pulse length in ms");
     const std::string direction = parser.value("--direction").value_or("all");
     const auto axes = axesNamed(direction);
     if (!axes) throw Exception("--direction needs x, y, z or all: " + direction);
@@ -94,7 +112,8 @@ PfgRequest parsePfgOptions(const OptionParser& parser) {
 std::string pfgFingerprint(const DiffusionTimePlan& plan) {
     std::ostringstream text;
     text << "pfg; diffusion time " << fullNumber(plan.diffusionTimeMs) << "; steps "
-         << plan.steps.steps << "; axes";
+         << plan.steps.steps << "; pulse " << fullNumber(plan.pulseDurationMs) << " in "
+         << plan.pulseSteps << " steps, field phase " << fullNumber(plan.fieldPhase) << "; axes";
     for (int axis : plan.axes) text << ' ' << axis;
     text << "; q";
     for (double q : plan.q) text << ' ' << fullNumber(q);

@@ -12,7 +12,7 @@ Functions:
     field       the internal magnetic field from mineral susceptibilities (as nmrwalk-field)
     cpmg        echo trains in the rock's internal field, per echo spacing (as nmrwalk-sequence)
     invert2d    a D-T2 or T1-T2 map of 2-D data (as nmrwalk-invert --dt2 / --t1t2)
-    pfg         narrow-pulse PFG diffusion: E(q, Delta), D(Delta), S/V, tortuosity
+    pfg         PFG diffusion: E(q, Delta), D(Delta), S/V, tortuosity
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
     parameter_keys  the keys params may hold
@@ -421,14 +421,17 @@ def cpmg(labels, cell_size_um, params, echo_spacing_ms, echoes=None, gradient=0.
 
 
 def pfg(labels, cell_size_um, params, diffusion_time_ms, q_max=None, q_points=16,
-        direction="all", seed=None, minerals=None):
-    """Narrow-pulse pulsed-field-gradient diffusion, as nmrwalk-sequence pfg.
+        direction="all", seed=None, minerals=None, pulse_duration_ms=None, field=None):
+    """Pulsed-field-gradient diffusion, as nmrwalk-sequence pfg.
 
     labels, cell_size_um, params, seed, minerals: as for simulate().
     diffusion_time_ms: one diffusion time Delta in ms, or a list of them.
     q_max:             the largest q in 1/m; None takes sqrt(3 / (D0 Delta)) at each Delta.
     q_points:          q values from 0 to q_max, evenly.
     direction:         "x", "y", "z" or "all" (the mean of the three axes).
+    pulse_duration_ms: None for narrow pulses; else rectangular pulses of that length,
+                       b = q^2 (Delta - delta/3), through the rock's field (field, as for
+                       cpmg(), or the one params' susceptibilities give) over Delta + delta.
 
     A walker's signal is its survival times cos(q . (r(Delta) - r(0))); E is the mean over
     the walkers over the same at q = 0, and b = q^2 Delta. Walked by nmrwalk's step and
@@ -457,7 +460,8 @@ def pfg(labels, cell_size_um, params, diffusion_time_ms, q_max=None, q_points=16
         diffusion_time_ms = [diffusion_time_ms]
     times = [float(t) for t in diffusion_time_ms]
     return _nmrwalk.pfg(labels, float(cell_size_um), minerals, path, overrides, seed, times,
-                        None if q_max is None else float(q_max), int(q_points), str(direction))
+                        None if q_max is None else float(q_max), int(q_points), str(direction),
+                        None if pulse_duration_ms is None else float(pulse_duration_ms), field)
 
 
 class Map:

@@ -373,6 +373,22 @@ def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
     assert np.isclose(result["tortuosity"], float(printed[1]), rtol=1e-5)
     assert np.isclose(result["tortuosity_error"], float(printed[2]), rtol=0.05)
     assert np.all(result["d_error"] > 0) and np.all(result["msd_d_error"] > 0)
+    # Finite pulses through the field that the parameters' susceptibilities give.
+    values = settings(numberOfWalkers=500, volumeSusceptibility=SUSCEPTIBILITY, staticField=0.2)
+    path = write_run_directory(tmp_path, labels, values)
+    with open(path, "a") as handle:
+        handle.write("  volumeSusceptibility: {Pore: -9.05e-06, Quartz: -1.65e-05, "
+                     "Clay: 2.0e-04}\n  staticField: 0.2\n")
+    subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "pfg", "--diffusion-time", "0.5",
+                    "--pulse-duration", "0.2", "--q-points", "3"],
+                   cwd=tmp_path, check=True, capture_output=True)
+    finite = nmrwalk.pfg(labels, 2.5, values, 0.5, q_points=3, pulse_duration_ms=0.2,
+                         minerals=MINERALS)
+    assert np.array_equal(finite["e"].ravel(), np.loadtxt(tmp_path / "pfg.out")[:, 3])
+    # The field is felt: without it the encoded signal is another.
+    free = nmrwalk.pfg(labels, 2.5, settings(numberOfWalkers=500), 0.5, q_points=3,
+                       pulse_duration_ms=0.2, minerals=MINERALS)
+    assert not np.array_equal(free["e"], finite["e"])
 
 
 @pytest.mark.parametrize("changes, message", [
@@ -381,6 +397,8 @@ def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
     ({"q_max": 0.0}, "q-max must be above 0"),
     ({"q_points": 1}, "q_points must be from 2"),
     ({"direction": "w"}, "direction must be"),
+    ({"pulse_duration_ms": 2.0}, "longer than the diffusion time"),
+    ({"field": np.zeros((10, 32, 22))}, "field acts only during finite pulses"),
 ])
 def test_pfg_refuses_bad_input(changes, message):
     arguments = {"diffusion_time_ms": 1.0, **changes}

@@ -195,6 +195,14 @@ TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
         return kept;
     };
     EXPECT_EQ(results(three.output), results(one.output));
+    // Finite pulses walk through the rock's field, computed from nmr.yaml: the same bits too.
+    const std::vector<std::string> finite = {"--diffusion-time", "0.4", "--pulse-duration", "0.1",
+                                             "--q-points",       "4"};
+    ASSERT_EQ(sequence(1, finite, "pfg").exitStatus, 0);
+    const std::string finiteSignal = dir_.read("pfg.out");
+    EXPECT_NE(finiteSignal, signal);
+    ASSERT_EQ(sequence(3, finite, "pfg").exitStatus, 0);
+    EXPECT_TRUE(dir_.read("pfg.out") == finiteSignal);
 
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{"--diffusion-time", "1,0"}, "--diffusion-time needs diffusion times in ms above 0"},
@@ -203,6 +211,9 @@ TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
         {{"--diffusion-time", "1", "--q-points", "1"}, "--q-points needs a whole number from 2"},
         {{"--diffusion-time", "1", "--direction", "w"}, "--direction needs x, y, z or all"},
         {{"--diffusion-time", "1", "--echo-spacing", "1"}, "--echo-spacing is an option of cpmg"},
+        {{"--diffusion-time", "1", "--pulse-duration", "0"}, "--pulse-duration needs a pulse"},
+        {{"--diffusion-time", "1,0.5", "--pulse-duration", "0.6"},
+         "A pulse of 0.6 ms is longer than the diffusion time of 0.5 ms"},
     };
     for (const auto& [arguments, message] : cases) {
         for (const char* name : {"pfg.out", "diffusion.out", "pfg.png"})
