@@ -58,6 +58,14 @@ FieldMap fieldMapOf(const py::object& given, const std::optional<FieldSettings>&
     return bricked(values.data(), nx, ny, nz);
 }
 
+std::optional<std::uint32_t> echoCountOf(const py::object& echoes) {
+    if (echoes.is_none()) return std::nullopt;
+    const auto n = echoes.cast<std::int64_t>();
+    if (n < 1 || n > kMostEchoes)
+        throw std::invalid_argument("echoes must be from 1 to " + std::to_string(kMostEchoes));
+    return static_cast<std::uint32_t>(n);
+}
+
 StaticField staticFieldOf(const std::optional<FieldSettings>& settings) {
     return {settings ? settings->staticField : 0.0,
             settings ? settings->staticFieldDirection - 'x' : 2};
@@ -72,13 +80,7 @@ py::list cpmg(py::array labels, double cellSize, const py::object& minerals, con
     const LabelledRock rock = labelledRock(std::move(labels), cellSize, minerals);
     const std::unique_ptr<Parameters> parameters = parametersOf(path, overrides, seed);
     if (spacingsMs.empty()) throw std::invalid_argument("echo_spacing_ms: give at least one");
-    std::optional<std::uint32_t> count;
-    if (!echoes.is_none()) {
-        const auto n = echoes.cast<std::int64_t>();
-        if (n < 1 || n > kMostEchoes)
-            throw std::invalid_argument("echoes must be from 1 to " + std::to_string(kMostEchoes));
-        count = static_cast<std::uint32_t>(n);
-    }
+    const std::optional<std::uint32_t> count = echoCountOf(echoes);
     if (!std::isfinite(gradient)) throw std::invalid_argument("gradient must be finite");
     const std::optional<FieldSettings> settings = fieldSettingsOf(path, overrides);
     std::shared_ptr<ByteMineralGrid> grid;

@@ -2,6 +2,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -21,6 +22,10 @@ std::optional<FieldSettings> fieldSettingsOf(const pybind11::object& path,
 // the one nmrwalk-field computes when the settings hold susceptibilities, or none.
 FieldMap fieldMapOf(const pybind11::object& given, const std::optional<FieldSettings>& settings,
                     const ByteMineralGrid& grid);
+
+// The echoes asked for (None: none, to be counted); throws std::invalid_argument outside
+// 1 .. kMostEchoes.
+std::optional<std::uint32_t> echoCountOf(const pybind11::object& echoes);
 
 // B0 and its axis from the settings; none (0 T along z) without them.
 StaticField staticFieldOf(const std::optional<FieldSettings>& settings);

@@ -34,6 +34,7 @@
 #include "params/parameter_file.h"
 #include "python/arrays.h"
 #include "python/cpmg.h"
+#include "python/dt2.h"
 #include "python/inputs.h"
 #include "python/invert2d.h"
 #include "python/label_volume.h"
@@ -478,6 +479,7 @@ PYBIND11_MODULE(_nmrwalk, m) {
     defineInvert2d(m);
     defineCpmg(m);
     definePfg(m);
+    defineDt2(m);
     m.def("fit", &fitRelaxivity, py::arg("labels"), py::arg("cell_size_um"), py::arg("minerals"),
           py::arg("path"), py::arg("overrides"), py::arg("seed"), py::arg("time_ms"),
           py::arg("amplitude"), py::arg("imaginary"), py::arg("fit"), py::arg("bounds"),

@@ -1,11 +1,26 @@
 #include "sequence/dt2.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "common/exception.h"
 #include "common/text.h"
 
 namespace nmr {
+
+std::vector<double> dt2BValues(std::vector<double> given, std::optional<std::uint32_t> points,
+                               double d0) {
+    std::vector<double> b = std::move(given);
+    if (b.empty()) {
+        const std::uint32_t n = std::max<std::uint32_t>(points.value_or(kDt2BPoints), 2);
+        b.reserve(n);
+        for (std::uint32_t j = 0; j < n; ++j) b.push_back(kDt2BMax / d0 * j / (n - 1));
+    }
+    bool encoded = false;
+    for (double value : b) encoded = encoded || value > 0.0;
+    if (!encoded) throw Exception("A b of 0 alone encodes no diffusion: give one above 0");
+    return b;
+}
 
 Dt2Plan planDt2(const NuclearMagneticResonanceParameters& parameters, double cellSizeM,
                 double diffusionTimeMs, std::vector<double> b, double echoSpacingMs,

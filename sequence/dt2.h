@@ -35,6 +35,17 @@ struct Dt2Plan {
     double cellSizeM = 0.0;
 };
 
+// The largest b of evenly spread b values, times D0: free water falls to exp(-5) there,
+// and a D ten times smaller to 0.6.
+inline constexpr double kDt2BMax = 5.0;
+inline constexpr std::uint32_t kDt2BPoints = 16;
+
+// The b values asked for: those given, or `points` (kDt2BPoints when none) evenly from 0
+// to kDt2BMax / d0. Throws nmr::Exception when none is above 0 (b = 0 alone encodes
+// nothing).
+std::vector<double> dt2BValues(std::vector<double> given, std::optional<std::uint32_t> points,
+                               double d0);
+
 // Throws nmr::Exception for a Delta or an echo spacing that is not positive, a Delta shorter
 // than one step of nmr.yaml, no b value, a b value below 0, or no echo.
 Dt2Plan planDt2(const NuclearMagneticResonanceParameters& parameters, double cellSizeM,

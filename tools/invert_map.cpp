@@ -133,6 +133,40 @@ void report(const Experiment& e, const inversion::Data2d& data, const std::strin
               << "Total amplitude: " << r.map.sum() << "\n";
 }
 
+// Inverts `data`, read from `source` (in readMs, when it was read), into the map of e at
+// `output`, writes its PNG beside it and prints the figures. Nothing is printed or written
+// before the whole inversion has succeeded.
+void writeMapOf(const Experiment& e, const inversion::Data2d& data, const std::string& source,
+                inversion::SeparableKernel kernel, const inversion::MapOptions& settings,
+                const std::string& output, double d0, const char* program,
+                std::optional<double> readMs) {
+    using Clock = std::chrono::steady_clock;
+    const auto start = Clock::now();
+    const inversion::MapResult r =
+        inversion::invertMap(std::move(kernel), data.amplitude, settings);
+    const auto done = Clock::now();
+    inversion::writeMap(output, r);
+    report(e, data, source, r);
+    const auto folder = std::filesystem::path(output).parent_path();
+    const std::string png = (folder / (std::string(e.name) + ".png")).string();
+    std::vector<std::string> plot = {"--map", output, "--kind", e.plotKind, "-o", png};
+    if (e.kind == KernelKind::Diffusion) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.9g", d0);
+        plot.insert(plot.end(), {"--d0", text});
+    }
+    if (runPlotScript(programDirectory(), plot)) {
+        std::cout << "Wrote " << output << " and " << png << "\n";
+    } else {
+        std::cout << "Wrote " << output << "\n";
+        std::cerr << program << ": warning: " << png << " not drawn: " << programDirectory()
+                  << "/nmrwalk-plot --map failed (it needs python3-matplotlib)\n";
+    }
+    using Ms = std::chrono::duration<double, std::milli>;
+    if (readMs) std::cout << "Read time (ms): " << *readMs << "\n";
+    std::cout << "Inversion time (ms): " << Ms(done - start).count() << "\n";
+}
+
 }  // namespace
 
 int runMapInversion(const OptionParser& options) {
@@ -155,33 +189,20 @@ int runMapInversion(const OptionParser& options) {
         KernelKind::Decay, data.times,
         axisOf(options, "--t2-min", "--t2-max", KernelKind::Decay, data.times, n, input));
     prepareOutputFolder(output);
-    const auto read = Clock::now();
-    const inversion::MapResult r =
-        inversion::invertMap(std::move(kernel), data.amplitude, settings);
-    const auto done = Clock::now();
-
-    // Nothing is printed or written before the whole inversion has succeeded.
-    inversion::writeMap(output, r);
-    report(e, data, input, r);
-    const auto folder = std::filesystem::path(output).parent_path();
-    const std::string png = (folder / (std::string(e.name) + ".png")).string();
-    std::vector<std::string> plot = {"--map", output, "--kind", e.plotKind, "-o", png};
-    if (e.kind == KernelKind::Diffusion) {
-        char text[32];
-        std::snprintf(text, sizeof text, "%.9g", d0);
-        plot.insert(plot.end(), {"--d0", text});
-    }
-    if (runPlotScript(programDirectory(), plot)) {
-        std::cout << "Wrote " << output << " and " << png << "\n";
-    } else {
-        std::cout << "Wrote " << output << "\n";
-        std::cerr << "nmrwalk-invert: warning: " << png << " not drawn: " << programDirectory()
-                  << "/nmrwalk-plot --map failed (it needs python3-matplotlib)\n";
-    }
     using Ms = std::chrono::duration<double, std::milli>;
-    std::cout << "Read time (ms): " << Ms(read - start).count() << "\n"
-              << "Inversion time (ms): " << Ms(done - read).count() << "\n";
+    writeMapOf(e, data, input, std::move(kernel), settings, output, d0, "nmrwalk-invert",
+               Ms(Clock::now() - start).count());
     return 0;
+}
+
+void writeDiffusionMap(const inversion::Data2d& data, const std::string& source, int points,
+                       double d0, const char* program) {
+    inversion::SeparableKernel kernel = inversion::separableKernel(
+        KernelKind::Diffusion, data.first,
+        inversion::mapAxis(KernelKind::Diffusion, data.first, points), KernelKind::Decay,
+        data.times, inversion::mapAxis(KernelKind::Decay, data.times, points));
+    writeMapOf(kDiffusion, data, source, std::move(kernel), {},
+               std::string(kDiffusion.name) + ".out", d0, program, std::nullopt);
 }
 
 }  // namespace nmr::tools

@@ -13,10 +13,12 @@
 #include "common/exception.h"
 #include "mpi/message_passing.h"
 #include "sequence/cpmg.h"
+#include "sequence/dt2.h"
 #include "sequence/echo_train.h"
 #include "sequence/pfg.h"
 #include "tools/option_parser.h"
 #include "tools/sequence_cpmg.h"
+#include "tools/sequence_dt2.h"
 #include "tools/sequence_pfg.h"
 #include "tools/sequence_run.h"
 #include "walk/pore_faces.h"
@@ -33,6 +35,7 @@ Experiments:
   cpmg    a CPMG echo train in the rock's internal field, per echo spacing
   pfg     pulsed-field-gradient diffusion, narrow or rectangular pulses, per
           diffusion time
+  dt2     a D-T2 map by diffusion editing: narrow pulses, then a CPMG train
 
 "nmrwalk-sequence EXPERIMENT --help" describes each.
 )USAGE";
@@ -42,40 +45,49 @@ struct Command {
     bool help = false;
     CpmgOptions cpmg;
     PfgRequest pfg;
+    Dt2Options dt2;
 };
 
-// The options of each experiment: an option of one given to another is refused.
+// The options of each experiment: one that an experiment does not take is refused.
 const std::vector<std::string> kCpmgOptions = {"--echo-spacing", "--echoes", "--gradient",
                                                "--field"};
 const std::vector<std::string> kPfgOptions = {"--diffusion-time", "--q-max", "--q-points",
                                               "--direction", "--pulse-duration"};
+const std::vector<std::string> kDt2Options = {"--diffusion-time", "--b-values", "--b-points",
+                                              "--echo-spacing", "--echoes"};
+
+const std::vector<std::string>& optionsOf(const std::string& experiment) {
+    return experiment == "cpmg" ? kCpmgOptions : experiment == "pfg" ? kPfgOptions : kDt2Options;
+}
 
 Command parseCommand(int argc, char** argv) {
     OptionParser::Definition definition{{}, {"--help"}, {{"-h", "--help"}}};
-    definition.valueOptions.insert(kCpmgOptions.begin(), kCpmgOptions.end());
-    definition.valueOptions.insert(kPfgOptions.begin(), kPfgOptions.end());
+    for (const auto* options : {&kCpmgOptions, &kPfgOptions, &kDt2Options})
+        definition.valueOptions.insert(options->begin(), options->end());
     const OptionParser parser(argc, argv, definition);
     Command command;
     command.help = parser.has("--help");
     if (parser.positional().empty()) {
         if (command.help) return command;
-        throw Exception("Give an experiment (cpmg or pfg), got none");
+        throw Exception("Give an experiment (cpmg, pfg or dt2), got none");
     }
     command.experiment = parser.positional().front();
-    if (command.experiment != "cpmg" && command.experiment != "pfg")
+    if (command.experiment != "cpmg" && command.experiment != "pfg" && command.experiment != "dt2")
         throw Exception("Unknown experiment: " + command.experiment);
     if (parser.positional().size() > 1)
         throw Exception("Give one experiment, got also: " + parser.positional()[1]);
-    const bool cpmg = command.experiment == "cpmg";
-    for (const std::string& option : cpmg ? kPfgOptions : kCpmgOptions) {
-        if (parser.has(option))
-            throw Exception(option + " is an option of " + (cpmg ? "pfg" : "cpmg") + " only");
+    const std::vector<std::string>& own = optionsOf(command.experiment);
+    for (const std::string& option : definition.valueOptions) {
+        if (parser.has(option) && std::find(own.begin(), own.end(), option) == own.end())
+            throw Exception(option + " is not an option of " + command.experiment);
     }
     if (command.help) return command;
-    if (cpmg)
+    if (command.experiment == "cpmg")
         command.cpmg = parseCpmgOptions(parser);
-    else
+    else if (command.experiment == "pfg")
         command.pfg = parsePfgOptions(parser);
+    else
+        command.dt2 = parseDt2Options(parser);
     return command;
 }
 
@@ -203,6 +215,54 @@ int runPfg(SequenceRun& run, const PfgRequest& request) {
     return SequenceRun::kComplete;
 }
 
+// One walk: the encoding over Delta and the echo train after it, the map on process 0.
+int runDt2(SequenceRun& run, const Dt2Options& options) {
+    const NuclearMagneticResonanceParameters& parameters = run.parameters();
+    const double cellSizeM = run.grid().grid().cellSize() * 1e-6;
+    const double d0 = parameters.diffusionConstantWater();
+    const double bulkT2Ms = parameters.bulkWaterT2() * 1000.0;
+    Dt2Plan plan;
+    if (!run.allSucceed([&] {
+            plan = planDt2(parameters, cellSizeM, options.diffusionTimeMs,
+                           dt2BValues(options.bValues, options.bPoints, d0), options.echoSpacingMs,
+                           options.echoes.value_or(1));
+        }))
+        return SequenceRun::kEarlyEnd;
+    if (!options.echoes) {
+        // The echoes of a CPMG train of the same spacing, judged on process 0 alone.
+        if (run.root()) {
+            EchoSpacingPlan train =
+                planEchoSpacing(parameters, cellSizeM, options.echoSpacingMs, 0.0, {});
+            plan.echoes = run.grid().visit([&](const auto& grid) {
+                return countEchoes(grid, FieldMap(), train, parameters.randomSeed(),
+                                   parameters.numberOfWalkers(), bulkT2Ms);
+            });
+        }
+        mpi::broadcast(plan.echoes, mpi::kRoot);
+    }
+    if (run.root()) {
+        std::cout << "Diffusion time " << plan.diffusionTimeMs << " ms: " << plan.encoding.steps
+                  << " steps of " << plan.encoding.step << " voxels; echo spacing "
+                  << plan.echoSpacingMs << " ms: " << plan.halfEcho.steps << " steps of "
+                  << plan.halfEcho.step << " voxels per half echo, " << plan.echoes << " echoes; "
+                  << plan.b.size() << " b values up to " << plan.b.back() << " s/m^2" << std::endl;
+    }
+    const WalkerRange walkers = run.walkers();
+    RunControl control = run.control("walk", walkers.count, dt2Fingerprint(plan));
+    std::optional<ExactSums> sums = run.grid().visit([&](const auto& grid) {
+        return walkDiffusionEditing(grid, plan, parameters.randomSeed(), walkers,
+                                    std::move(control));
+    });
+    if (!sums) return SequenceRun::kEarlyEnd;
+    sums->reduce(MPI_COMM_WORLD, mpi::kRoot);
+    if (!run.agree([&] {
+            writeDt2Outputs(dt2Data(plan, *sums, parameters.numberOfWalkers(), bulkT2Ms), d0);
+        }))
+        return SequenceRun::kEarlyEnd;
+    run.complete();
+    return SequenceRun::kComplete;
+}
+
 int runSequence(int argc, char** argv) {
     const int rank = mpi::rank();
     Command command;
@@ -217,6 +277,7 @@ int runSequence(int argc, char** argv) {
         if (rank == mpi::kRoot)
             std::cout << (command.experiment.empty()    ? kUsage
                           : command.experiment == "pfg" ? kPfgUsage
+                          : command.experiment == "dt2" ? kDt2Usage
                                                         : kCpmgUsage);
         return SequenceRun::kEarlyEnd;
     }
@@ -227,6 +288,10 @@ int runSequence(int argc, char** argv) {
         const bool finite = command.pfg.pulseDurationMs.has_value();
         if (!run.prepare(std::nullopt, finite)) return SequenceRun::kEarlyEnd;
         return runPfg(run, command.pfg);
+    }
+    if (command.experiment == "dt2") {
+        if (!run.prepare(std::nullopt, false)) return SequenceRun::kEarlyEnd;
+        return runDt2(run, command.dt2);
     }
     if (!run.prepare(command.cpmg.field)) return SequenceRun::kEarlyEnd;
     return runCpmg(run, command.cpmg);

@@ -13,6 +13,7 @@ Functions:
     cpmg        echo trains in the rock's internal field, per echo spacing (as nmrwalk-sequence)
     invert2d    a D-T2 or T1-T2 map of 2-D data (as nmrwalk-invert --dt2 / --t1t2)
     pfg         PFG diffusion: E(q, Delta), D(Delta), S/V, tortuosity
+    dt2         D-T2 data by diffusion editing (as nmrwalk-sequence dt2), for invert2d
     read_grid   the mineral codes and cell size of a grain bed grid file
     write_grid  a grain bed grid file of a label volume
     parameter_keys  the keys params may hold
@@ -29,7 +30,7 @@ import warnings
 
 from . import _nmrwalk
 
-__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "cpmg", "pfg",
+__all__ = ["simulate", "fit", "FitResult", "invert", "invert2d", "Map", "field", "cpmg", "pfg", "dt2",
            "Train", "read_grid",
            "write_grid", "parameter_keys", "Result", "Error", "MINERALS"]
 
@@ -462,6 +463,38 @@ def pfg(labels, cell_size_um, params, diffusion_time_ms, q_max=None, q_points=16
     return _nmrwalk.pfg(labels, float(cell_size_um), minerals, path, overrides, seed, times,
                         None if q_max is None else float(q_max), int(q_points), str(direction),
                         None if pulse_duration_ms is None else float(pulse_duration_ms), field)
+
+
+def dt2(labels, cell_size_um, params, diffusion_time_ms, b_values=None, b_points=16,
+        echo_spacing_ms=0.2, echoes=None, seed=None, minerals=None):
+    """D-T2 data by diffusion editing, as nmrwalk-sequence dt2.
+
+    labels, cell_size_um, params, seed, minerals: as for simulate().
+    diffusion_time_ms: Delta of the narrow-pulse encoding.
+    b_values:          b values in s/m^2 (from 0, one above 0 at least); None takes
+                       b_points of them evenly from 0 to 5 / D0.
+    echo_spacing_ms:   of the CPMG train after the encoding.
+    echoes:            None runs them until the signal falls below 0.1 % (as cpmg()).
+
+    Each walker's displacement over Delta is encoded as cos(q dx), q = sqrt(b / Delta),
+    averaged over the three axes, while it lives through the echoes; the data are the mean
+    over the walkers times exp(-t / T2 bulk), t the time since excitation (Delta + k TE),
+    so that invert2d's kernel exp(-b D) exp(-t / T2) matches them exactly. The same seed
+    gives the bits of nmrwalk-sequence's dt2.out at any process count. Runs with the GIL
+    released.
+
+    Returns a dict: b (s/m^2), time_ms, amplitude (len(b) x len(time_ms)),
+    encoding_steps and steps_per_half_echo. nmrwalk.invert2d(d["amplitude"], "dt2",
+    first=d["b"], time_ms=d["time_ms"]) gives the map.
+    """
+    path, overrides = _parameter_overrides(params, seed)
+    labels, minerals = _native(labels, minerals)
+    given = [] if b_values is None else [float(b) for b in
+                                         (b_values.tolist() if hasattr(b_values, "tolist")
+                                          else b_values)]
+    return _nmrwalk.dt2(labels, float(cell_size_um), minerals, path, overrides, seed,
+                        float(diffusion_time_ms), given, int(b_points), float(echo_spacing_ms),
+                        None if echoes is None else int(echoes))
 
 
 class Map:

@@ -391,6 +391,25 @@ def test_pfg_has_the_bits_of_the_sequence_program(tmp_path):
     assert not np.array_equal(free["e"], finite["e"])
 
 
+def test_dt2_has_the_bits_of_the_sequence_program_and_inverts_into_a_map(tmp_path):
+    labels = rock()
+    values = settings(numberOfWalkers=400)
+    write_run_directory(tmp_path, labels, values)
+    subprocess.run([os.path.join(BUILD, "nmrwalk-sequence"), "dt2", "--diffusion-time", "0.5",
+                    "--b-points", "4", "--echo-spacing", "0.4", "--echoes", "60"],
+                   cwd=tmp_path, check=True, capture_output=True)
+    written = np.loadtxt(tmp_path / "dt2.out")
+    data = nmrwalk.dt2(labels, 2.5, values, 0.5, b_points=4, echo_spacing_ms=0.4, echoes=60,
+                       minerals=MINERALS)
+    assert np.array_equal(data["amplitude"].ravel(), written[:, 2])
+    assert np.allclose(data["time_ms"], written[:60, 1])
+    result = nmrwalk.invert2d(data["amplitude"], "dt2", first=data["b"], time_ms=data["time_ms"],
+                              points=12)
+    assert result.map.shape == (12, 12) and result.map.min() >= 0
+    with pytest.raises(ValueError, match="A b of 0 alone"):
+        nmrwalk.dt2(labels, 2.5, values, 0.5, b_values=[0.0], echoes=5, minerals=MINERALS)
+
+
 @pytest.mark.parametrize("changes, message", [
     ({"diffusion_time_ms": 0.0}, "diffusion time must be a positive number"),
     ({"diffusion_time_ms": 1e-4}, "shorter than one step"),

@@ -43,8 +43,8 @@ protected:
                           dir_.path(), std::chrono::seconds(300), environment);
     }
     bool anyOutput() const {
-        for (const char* name :
-             {"cpmg.out", "cpmg_inversion.out", "cpmg.png", "pfg.out", "diffusion.out", "pfg.png"})
+        for (const char* name : {"cpmg.out", "cpmg_inversion.out", "cpmg.png", "pfg.out",
+                                 "diffusion.out", "pfg.png", "dt2.out", "DT2map.out", "DT2map.png"})
             if (dir_.exists(name)) return true;
         return false;
     }
@@ -210,7 +210,8 @@ TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
         {{"--diffusion-time", "1", "--q-max", "0"}, "--q-max must be above 0"},
         {{"--diffusion-time", "1", "--q-points", "1"}, "--q-points needs a whole number from 2"},
         {{"--diffusion-time", "1", "--direction", "w"}, "--direction needs x, y, z or all"},
-        {{"--diffusion-time", "1", "--echo-spacing", "1"}, "--echo-spacing is an option of cpmg"},
+        {{"--diffusion-time", "1", "--echo-spacing", "1"},
+         "--echo-spacing is not an option of pfg"},
         {{"--diffusion-time", "1", "--pulse-duration", "0"}, "--pulse-duration needs a pulse"},
         {{"--diffusion-time", "1,0.5", "--pulse-duration", "0.6"},
          "A pulse of 0.6 ms is longer than the diffusion time of 0.5 ms"},
@@ -229,6 +230,42 @@ TEST_F(SequenceTool, PfgGivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
 // ABORT stops the second echo train; the first stays as a checkpoint, and the run taken up
 // again writes what an uninterrupted one writes and leaves no checkpoint behind. The
 // walkers do not divide evenly: the finished train's checkpoints stand at different walkers.
+// Diffusion editing: the same data at one and three processes, a map beside them, and
+// every refusal with status -1 on every process and nothing written.
+TEST_F(SequenceTool, Dt2GivesTheSameBitsAtAnyProcessCountAndRefusesBadInput) {
+    writeParameters();
+    const std::vector<std::string> arguments = {"--diffusion-time", "1",   "--b-points", "5",
+                                                "--echo-spacing",   "0.4", "--echoes",   "100"};
+    const auto one = sequence(1, arguments, "dt2");
+    ASSERT_EQ(one.exitStatus, 0) << one.output << one.errorOutput;
+    const std::string data = dir_.read("dt2.out");
+    EXPECT_EQ(lines(data).size(), 500u) << "five b values of 100 echoes";
+    EXPECT_EQ(lines(data).front().rfind("0 1.4 ", 0), 0u) << "b 0 at Delta + TE";
+    EXPECT_EQ(lines(dir_.read("DT2map.out")).size(), 2500u);
+    EXPECT_NE(one.output.find("Log-mean D (m^2/s): "), std::string::npos) << one.output;
+    const auto three = sequence(3, arguments, "dt2");
+    ASSERT_EQ(three.exitStatus, 0) << three.output << three.errorOutput;
+    EXPECT_TRUE(dir_.read("dt2.out") == data);
+
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"--diffusion-time", "0"}, "--diffusion-time needs one diffusion time in ms above 0"},
+        {{"--diffusion-time", "0.01"}, "shorter than one step of the walk"},
+        {{"--diffusion-time", "1", "--b-values", "0"}, "A b of 0 alone encodes no diffusion"},
+        {{"--diffusion-time", "1", "--b-values", "1e9", "--b-points", "4"},
+         "Give --b-values or --b-points, not both"},
+        {{"--diffusion-time", "1", "--echo-spacing", "-1"}, "--echo-spacing needs one echo"},
+        {{"--diffusion-time", "1", "--q-max", "1e5"}, "--q-max is not an option of dt2"},
+    };
+    for (const auto& [given, message] : cases) {
+        for (const char* name : {"dt2.out", "DT2map.out", "DT2map.png"})
+            std::filesystem::remove(dir_ / name);
+        const auto result = sequence(2, given, "dt2");
+        EXPECT_EQ(result.exitStatus, 255) << message << "\n" << result.errorOutput;
+        EXPECT_NE(result.errorOutput.find(message), std::string::npos) << result.errorOutput;
+        EXPECT_FALSE(anyOutput()) << message;
+    }
+}
+
 TEST_F(SequenceTool, AbortedRunTakenUpAgainWritesWhatAnUninterruptedRunWrites) {
     writeParameters({{"numberOfWalkers", "3001"}, {"checkpointInterval", "0.2"}});
     const std::vector<std::string> arguments = {"--echo-spacing", "0.4,0.2", "--echoes", "400"};
